@@ -1,0 +1,16 @@
+// What the unload hook asks of the other families. Internal: never installed.
+#ifndef ZELKIT3_SRC_FRAME_LIFECYCLE_INTERNAL_H
+#define ZELKIT3_SRC_FRAME_LIFECYCLE_INTERNAL_H
+
+namespace zelkit3 {
+namespace detail {
+
+// Writes "performance.log" if the report singleton holds records, then
+// destroys the singleton (made first if there was none). Never throws for a
+// file that cannot be written. Defined beside PerformanceLogger.
+void finishPerformanceReport();
+
+}  // namespace detail
+}  // namespace zelkit3
+
+#endif  // ZELKIT3_SRC_FRAME_LIFECYCLE_INTERNAL_H

@@ -1,0 +1,206 @@
+#include <errno.h>
+#include <stdio.h>
+#include <time.h>
+
+#include <cstdint>
+
+#include "threads/mutex_guard.h"
+#include "win_emul/event_handle.h"
+#include "win_emul/event_state.h"
+#include "zelkit3/win_emul.h"
+
+namespace zelkit3 {
+namespace win_emul {
+
+using detail::PthreadGuard;
+
+bool CBaseHandle::wait(unsigned long) { return false; }
+
+bool CBaseHandle::close() { return false; }
+
+namespace {
+
+void initRecursive(pthread_mutex_t* m) {
+  pthread_mutexattr_t attr;
+  pthread_mutexattr_init(&attr);
+  pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);
+  pthread_mutex_init(m, &attr);
+  pthread_mutexattr_destroy(&attr);
+}
+
+// The wall-clock deadline timeoutMs from now. Computed in 64 bits, so that
+// every finite time-out (up to 0xFFFFFFFE ms, about 49.7 days) is exact
+// rather than wrapping after 2^32 microseconds.
+timespec deadlineAfter(unsigned long timeoutMs) {
+  timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  const std::uint64_t ms = static_cast<std::uint32_t>(timeoutMs);
+  const std::uint64_t ns = static_cast<std::uint64_t>(now.tv_nsec) + (ms % 1000) * 1000000u;
+  timespec deadline;
+  deadline.tv_sec = now.tv_sec + static_cast<time_t>(ms / 1000 + ns / 1000000000u);
+  deadline.tv_nsec = static_cast<long>(ns % 1000000000u);
+  return deadline;
+}
+
+bool isInfinite(unsigned long timeoutMs) {
+  // Both the Win32 value and (unsigned long)-1 mean no limit on either ABI.
+  return static_cast<std::uint32_t>(timeoutMs) == 0xFFFFFFFFu;
+}
+
+}  // namespace
+
+CWinEventHandle::CWinEventHandle(bool manualReset, bool initialState, const wchar_t* name)
+    : mManualReset(manualReset),
+      mSignaled(initialState),
+      mSetCount(0),
+      mRefCount(1),
+      mName(name ? name : L"") {
+  initRecursive(&mStateMutex);
+  initRecursive(&mListenersMutex);
+  pthread_cond_init(&mCondition, nullptr);
+}
+
+CWinEventHandle::~CWinEventHandle() {
+  pthread_cond_destroy(&mCondition);
+  pthread_mutex_destroy(&mStateMutex);
+  pthread_mutex_destroy(&mListenersMutex);
+}
+
+void CWinEventHandle::set() {
+  {
+    PthreadGuard state(mStateMutex);
+    mSignaled.store(true, std::memory_order_release);
+    mSetCount.fetch_add(1, std::memory_order_relaxed);
+    pthread_cond_broadcast(&mCondition);
+  }
+  PthreadGuard listeners(mListenersMutex);
+  for (CWinEventHandle* listener : mListeners) listener->set();
+}
+
+bool CWinEventHandle::pulse() {
+  set();
+  return true;
+}
+
+void CWinEventHandle::reset() {
+  PthreadGuard state(mStateMutex);
+  mSignaled.store(false, std::memory_order_release);
+}
+
+void CWinEventHandle::addRef() { mRefCount.fetch_add(1, std::memory_order_relaxed); }
+
+long CWinEventHandle::release() { return mRefCount.fetch_sub(1, std::memory_order_acq_rel) - 1; }
+
+void CWinEventHandle::addListener(CWinEventHandle* listener) {
+  PthreadGuard listeners(mListenersMutex);
+  mListeners.insert(listener);
+}
+
+void CWinEventHandle::removeListener(CWinEventHandle* listener) {
+  PthreadGuard listeners(mListenersMutex);
+  mListeners.erase(listener);
+}
+
+void CWinEventHandle::consumeSignal() {
+  if (mManualReset) return;
+  PthreadGuard state(mStateMutex);
+  mSignaled.store(false, std::memory_order_release);
+}
+
+bool CWinEventHandle::wait(unsigned long timeoutMs) {
+  PthreadGuard state(mStateMutex);
+  const std::uint32_t startCount = mSetCount.load(std::memory_order_relaxed);
+  auto released = [&] {
+    return mSignaled.load(std::memory_order_relaxed) ||
+           mSetCount.load(std::memory_order_relaxed) != startCount;
+  };
+  bool result = true;
+  while (!released()) {
+    if (isInfinite(timeoutMs)) {
+      pthread_cond_wait(&mCondition, &mStateMutex);
+      continue;
+    }
+    // The deadline is computed anew after each wake-up without a set.
+    const timespec deadline = deadlineAfter(timeoutMs);
+    if (pthread_cond_timedwait(&mCondition, &mStateMutex, &deadline) == ETIMEDOUT) {
+      // A set that came between the expiry and our retaking the mutex is
+      // honoured rather than consumed by a wait that reports a time-out.
+      result = released();
+      break;
+    }
+  }
+  if (result && !mManualReset) mSignaled.store(false, std::memory_order_relaxed);
+  return result;
+}
+
+bool CWinEventHandle::close() {
+  EventLockGuard eventLock;
+  if (release() != 0) return true;
+  if (gEventTable == nullptr) gEventTable = new std::set<CWinEventHandle*>();
+  {
+    AccessGuard access;
+    if (gEventTable != nullptr) gEventTable->erase(this);
+  }
+  delete this;
+  return true;
+}
+
+void* CreateEventW(_SECURITY_ATTRIBUTES*, int manualReset, int initialState,
+                   const wchar_t* name) {
+  CWinEventHandle* event = new CWinEventHandle(manualReset != 0, initialState != 0, name);
+  try {
+    EventLockGuard eventLock;
+    if (gEventTable == nullptr) gEventTable = new std::set<CWinEventHandle*>();
+    AccessGuard access;
+    gEventTable->insert(event);
+  } catch (...) {
+    // No handle exists if the table could not take it.
+    delete event;
+    throw;
+  }
+  return event;
+}
+
+void* OpenEventW(unsigned long, int, const wchar_t* name) {
+  // A null name is outside the Win32 contract; it finds nothing here.
+  if (name == nullptr) return nullptr;
+  EventLockGuard eventLock;
+  AccessGuard access;
+  if (gEventTable == nullptr) return nullptr;
+  for (CWinEventHandle* event : *gEventTable) {
+    if (event->name() == name) {
+      event->addRef();
+      return event;
+    }
+  }
+  return nullptr;
+}
+
+int SetEvent(void* event) {
+  EventLockGuard eventLock;
+  static_cast<CWinEventHandle*>(event)->set();
+  return 1;
+}
+
+int ResetEvent(void* event) {
+  static_cast<CWinEventHandle*>(event)->reset();
+  return 1;
+}
+
+int PulseEvent(void* event) {
+  static_cast<CWinEventHandle*>(event)->pulse();
+  return 1;
+}
+
+int CloseHandle(void* handle) {
+  if (handle == nullptr) return 0;
+  if (!static_cast<CBaseHandle*>(handle)->close()) puts("Closing unknown HANDLE type");
+  return 1;
+}
+
+unsigned long WaitForSingleObject(void* handle, unsigned long timeoutMs) {
+  return static_cast<CBaseHandle*>(handle)->wait(timeoutMs) ? WAIT_OBJECT_0 : WAIT_TIMEOUT;
+}
+
+}  // namespace win_emul
+}  // namespace zelkit3
