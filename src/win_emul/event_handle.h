@@ -55,6 +55,8 @@ class CWinEventHandle : public CBaseHandle {
   const std::wstring& name() const { return mName; }
 
  private:
+  friend struct EventTestAccess;  // lets tests hold a lock to force a race
+
   pthread_mutex_t mStateMutex;
   pthread_mutex_t mListenersMutex;
   pthread_cond_t mCondition;
