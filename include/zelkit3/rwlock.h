@@ -43,7 +43,7 @@ class ZK3_API RWLockException : public std::runtime_error {
  public:
   // Keeps `message` for what() and `errorCode` for getErrorCode().
   RWLockException(const std::string& message, int errorCode);
-  virtual ~RWLockException() throw();
+  virtual ~RWLockException() noexcept;
   // The errno value given to the constructor.
   int getErrorCode() const;
 

@@ -11,7 +11,7 @@ namespace zelkit3 {
 RWLockException::RWLockException(const std::string& message, int errorCode)
     : std::runtime_error(message), mErrorCode(errorCode) {}
 
-RWLockException::~RWLockException() throw() {}
+RWLockException::~RWLockException() noexcept {}
 
 int RWLockException::getErrorCode() const { return mErrorCode; }
 
