@@ -115,6 +115,7 @@ class ZK3_API UnixSharedRWLock {
   void deleteSemathore();
 
  private:
+  // Not copyable: each object counts once in the set's user count.
   UnixSharedRWLock(const UnixSharedRWLock&) = delete;
   UnixSharedRWLock& operator=(const UnixSharedRWLock&) = delete;
 

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <vector>
 
 #include "rwlock/rwlock_test_support.h"
 #include "zelkit3/rwlock.h"
@@ -99,6 +100,29 @@ TEST_F(LockingTest, UnlimitedWaitsOnAFreeLock) {
   EXPECT_EQ((State{{1, kN}}), state());
 }
 
+// Every no-limit value waits in the kernel (it shows as a blocked semop);
+// a finite time-out would poll instead and never show there.
+TEST_F(LockingTest, NoLimitValuesBlockInTheKernel) {
+  std::vector<unsigned long> values = {kForever, 0xFFFFFFFFUL};
+  if (sizeof(unsigned long) > 4) values.push_back(static_cast<unsigned long>(0xFFFFFFFFULL + 1));
+  for (unsigned long timeout : values) {
+    ASSERT_TRUE(lock->lockWrite(0));
+    Signal gotIt;
+    const std::string p = path;
+    Child reader([&, p] {
+      UnixSharedRWLock l(p.c_str());
+      if (!l.lockRead(timeout)) return 1;
+      gotIt.post();
+      l.freeRead();
+      return 0;
+    });
+    EXPECT_TRUE(rwtest::waitForWaiters(path, 0, 1)) << timeout;
+    lock->freeWrite();
+    EXPECT_EQ(1, gotIt.wait()) << timeout;
+    EXPECT_EQ(0, reader.wait()) << timeout;
+  }
+}
+
 TEST_F(LockingTest, ReadersOfOtherProcessesShareTheLock) {
   Signal held, done;
   auto child = holder([](UnixSharedRWLock& l) { return l.lockRead(kForever); }, held, done);
@@ -182,7 +206,7 @@ TEST_F(LockingTest, BlockedReaderGetsInWhenTheWriterTimesOut) {
   const std::string p = path;
   Child writer([&, p] {
     UnixSharedRWLock l(p.c_str());
-    const bool got = l.lockWrite(300);
+    const bool got = l.lockWrite(500 * rwtest::kScale);
     timedOut.post();
     return got ? 1 : 0;
   });

@@ -93,15 +93,50 @@ inline int openDescriptors() {
 
 // A private folder under /tmp. Its destructor removes the semaphore set of
 // every file in it (and of every remembered key), the files and the folder,
-// so a failing test leaves nothing behind either.
+// so a failing test leaves nothing behind either. A watchdog does the same
+// and ends the test process if a test hangs, before ctest would kill it.
 class LockDir {
  public:
+  static constexpr unsigned kWatchdogSeconds = 25 * kScale;
+
   LockDir() {
     char tmpl[] = "/tmp/zk3rwlock.XXXXXX";
     const char* made = mkdtemp(tmpl);
     mDir = made ? made : "";
+    current() = this;
+    struct sigaction sa = {};
+    sa.sa_handler = &LockDir::onWatchdog;
+    sigaction(SIGALRM, &sa, nullptr);
+    alarm(kWatchdogSeconds);
   }
   ~LockDir() {
+    alarm(0);
+    signal(SIGALRM, SIG_DFL);
+    current() = nullptr;
+    cleanUp();
+  }
+  LockDir(const LockDir&) = delete;
+  LockDir& operator=(const LockDir&) = delete;
+
+  const std::string& dir() const { return mDir; }
+  std::string path(const std::string& name) const { return mDir + "/" + name; }
+  // Keeps a set on the list to remove, e.g. before its file is replaced and
+  // the key of the path changes.
+  void rememberKey(key_t key) { mKeys.insert(key); }
+
+ private:
+  static LockDir*& current() {
+    static LockDir* dir = nullptr;
+    return dir;
+  }
+  // The process is ending anyway: clean up as well as we can, then leave.
+  static void onWatchdog(int) {
+    static const char text[] = "rwlock test: watchdog expired, cleaning up\n";
+    (void)!write(2, text, sizeof text - 1);
+    if (current() != nullptr) current()->cleanUp();
+    _exit(124);
+  }
+  void cleanUp() {
     for (key_t key : mKeys) removeSetOfKey(key);
     if (DIR* d = opendir(mDir.c_str())) {
       while (dirent* e = readdir(d)) {
@@ -120,20 +155,7 @@ class LockDir {
     }
     rmdir(mDir.c_str());
   }
-  LockDir(const LockDir&) = delete;
-  LockDir& operator=(const LockDir&) = delete;
 
-  const std::string& dir() const { return mDir; }
-  std::string path(const std::string& name) const { return mDir + "/" + name; }
-  // Keeps the set of `path` on the list to remove, e.g. before the file is
-  // replaced and its key changes.
-  void remember(const std::string& path) {
-    const key_t key = keyOf(path);
-    if (key != -1) mKeys.insert(key);
-  }
-  void rememberKey(key_t key) { mKeys.insert(key); }
-
- private:
   std::string mDir;
   std::set<key_t> mKeys;
 };
@@ -171,6 +193,7 @@ class Child {
   explicit Child(const std::function<int()>& body, unsigned alarmSeconds = 20 * kScale) {
     mPid = fork();
     if (mPid == 0) {
+      signal(SIGALRM, SIG_DFL);  // the parent's watchdog handler is not ours
       alarm(alarmSeconds);
       int rc = 99;
       try {
