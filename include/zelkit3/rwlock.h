@@ -66,7 +66,9 @@ ZK3_API bool isTimeoutExpired(timespec deadline);
 ZK3_API int getSemFlags(bool infinite);
 
 // The lock itself. Time-outs are milliseconds; (unsigned long)-1 and
-// 0xFFFFFFFF mean no limit. A limited wait polls every 10 microseconds.
+// 0xFFFFFFFF (on x86_64 also every value above it) mean no limit and block in
+// the kernel. A limited wait polls every 10 microseconds; keep it below
+// 4,293,967 ms (see getTimeout).
 class ZK3_API UnixSharedRWLock {
  public:
   // Opens or creates the lock file, then finds, makes or repairs the set and

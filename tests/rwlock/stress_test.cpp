@@ -83,8 +83,11 @@ class Worker {
     for (int j = 0; j < kProcs; ++j) {
       if (j == mMe) continue;
       Slot& other = mShared->slots[j];
+      // `killed` first: the parent clears the marks before `killed`, so
+      // marks read after a clear `killed` are never a dead process's.
+      if (other.killed.load() != 0) continue;
       const bool conflict = other.writer.load() != 0 || (writing && other.reads.load() > 0);
-      if (conflict && other.killed.load() == 0) mShared->violations.fetch_add(1);
+      if (conflict) mShared->violations.fetch_add(1);
     }
   }
   void work(bool writing) {
