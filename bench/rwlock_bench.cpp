@@ -57,7 +57,8 @@ TempLockFile& lockFile() {
 // Memory shared with forked children.
 template <typename T>
 T* sharedObject() {
-  void* memory = mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  void* memory =
+      mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   return memory == MAP_FAILED ? nullptr : static_cast<T*>(memory);
 }
 
@@ -259,39 +260,87 @@ void contendedOurs(benchmark::State& state) {
   std::unique_ptr<UnixSharedRWLock> lock;
   contend(
       state, [&] { lock.reset(new UnixSharedRWLock(lockFile().path.c_str())); },
-      [&](const std::function<void()>& f) { lock->lockRead(kForever); f(); lock->freeRead(); },
-      [&](const std::function<void()>& f) { lock->lockWrite(kForever); f(); lock->freeWrite(); });
+      [&](const std::function<void()>& f) {
+        lock->lockRead(kForever);
+        f();
+        lock->freeRead();
+      },
+      [&](const std::function<void()>& f) {
+        lock->lockWrite(kForever);
+        f();
+        lock->freeWrite();
+      });
 }
-BENCHMARK(contendedOurs)->Name("contended_4proc/ours")->Iterations(3)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(contendedOurs)
+    ->Name("contended_4proc/ours")
+    ->Iterations(3)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 
 void contendedPthread(benchmark::State& state) {
   pthread_rwlock_t* lock = newSharedPthreadLock();
   contend(
       state, [] {},
-      [&](const std::function<void()>& f) { pthread_rwlock_rdlock(lock); f(); pthread_rwlock_unlock(lock); },
-      [&](const std::function<void()>& f) { pthread_rwlock_wrlock(lock); f(); pthread_rwlock_unlock(lock); });
+      [&](const std::function<void()>& f) {
+        pthread_rwlock_rdlock(lock);
+        f();
+        pthread_rwlock_unlock(lock);
+      },
+      [&](const std::function<void()>& f) {
+        pthread_rwlock_wrlock(lock);
+        f();
+        pthread_rwlock_unlock(lock);
+      });
   munmap(lock, sizeof *lock);
 }
-BENCHMARK(contendedPthread)->Name("contended_4proc/pthread_rwlock_pshared")->Iterations(3)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(contendedPthread)
+    ->Name("contended_4proc/pthread_rwlock_pshared")
+    ->Iterations(3)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 
 void contendedBoost(benchmark::State& state) {
   SharableMutex* lock = newSharedBoostLock();
   contend(
       state, [] {},
-      [&](const std::function<void()>& f) { lock->lock_sharable(); f(); lock->unlock_sharable(); },
-      [&](const std::function<void()>& f) { lock->lock(); f(); lock->unlock(); });
+      [&](const std::function<void()>& f) {
+        lock->lock_sharable();
+        f();
+        lock->unlock_sharable();
+      },
+      [&](const std::function<void()>& f) {
+        lock->lock();
+        f();
+        lock->unlock();
+      });
   munmap(lock, sizeof *lock);
 }
-BENCHMARK(contendedBoost)->Name("contended_4proc/boost_sharable_mutex")->Iterations(3)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(contendedBoost)
+    ->Name("contended_4proc/boost_sharable_mutex")
+    ->Iterations(3)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 
 void contendedFlock(benchmark::State& state) {
   int fd = -1;
   contend(
       state, [&] { fd = open(lockFile().path.c_str(), O_RDWR | O_CREAT, 0660); },
-      [&](const std::function<void()>& f) { flock(fd, LOCK_SH); f(); flock(fd, LOCK_UN); },
-      [&](const std::function<void()>& f) { flock(fd, LOCK_EX); f(); flock(fd, LOCK_UN); });
+      [&](const std::function<void()>& f) {
+        flock(fd, LOCK_SH);
+        f();
+        flock(fd, LOCK_UN);
+      },
+      [&](const std::function<void()>& f) {
+        flock(fd, LOCK_EX);
+        f();
+        flock(fd, LOCK_UN);
+      });
 }
-BENCHMARK(contendedFlock)->Name("contended_4proc/flock")->Iterations(3)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(contendedFlock)
+    ->Name("contended_4proc/flock")
+    ->Iterations(3)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 
 // ---- surviving a killed holder ----
 
@@ -333,8 +382,9 @@ void reportSurvival() {
   std::printf("%-28s %s\n", "lock", "a holder killed by SIGKILL: the others go on");
   {
     UnixSharedRWLock lock(lockFile().path.c_str());
-    const bool ok = survivesKilledHolder([&] { lock.lockWrite(kForever); },
-                                         [&] { return lock.lockWrite(0) && (lock.freeWrite(), true); });
+    const bool ok =
+        survivesKilledHolder([&] { lock.lockWrite(kForever); },
+                             [&] { return lock.lockWrite(0) && (lock.freeWrite(), true); });
     std::printf("%-28s %s\n", "ours", ok ? "yes" : "no");
   }
   {

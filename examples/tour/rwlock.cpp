@@ -1,5 +1,7 @@
 // Cross-process read-write lock: two processes share a lock by its file; one
 // is killed while it holds the write lock, and the other goes on at once.
+#include "zelkit3/rwlock.h"
+
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -9,7 +11,6 @@
 #include <string>
 
 #include "tour.h"
-#include "zelkit3/rwlock.h"
 
 namespace {
 

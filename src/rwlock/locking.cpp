@@ -103,8 +103,7 @@ bool UnixSharedRWLock::upgradeToLockRead(unsigned long timeout) {
   if (gate != 0 || slots != 0) return false;
   // Keeps one slot and gives the gate back atomically: no writer can get in
   // between the write hold and the read hold.
-  sembuf change[2] = {semOp(kReaderSlots, gUpgradeToReadOp, flags),
-                      semOp(kWriterGate, +1, flags)};
+  sembuf change[2] = {semOp(kReaderSlots, gUpgradeToReadOp, flags), semOp(kWriterGate, +1, flags)};
   if (semop(mSemId, change, 2) == -1) throwException(errno);
   return true;
 }

@@ -20,8 +20,8 @@ timespec getTimeout(unsigned long milliseconds) {
   gettimeofday(&now, nullptr);
   // 32-bit arithmetic on both ABIs, so a lock behaves the same for i386 and
   // x86_64 callers: exact up to 4,293,967 ms, wrapping beyond.
-  const uint32_t total = static_cast<uint32_t>(now.tv_usec) +
-                         static_cast<uint32_t>(milliseconds) * 1000u;
+  const uint32_t total =
+      static_cast<uint32_t>(now.tv_usec) + static_cast<uint32_t>(milliseconds) * 1000u;
   timespec deadline;
   deadline.tv_sec = now.tv_sec + static_cast<time_t>(total / 1000000u);
   deadline.tv_nsec = static_cast<long>(total % 1000000u) * 1000L;

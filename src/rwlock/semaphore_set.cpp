@@ -25,13 +25,13 @@ constexpr int kProjectId = 0x43;
 // How long the exclusive flock is tried before giving up, in milliseconds.
 constexpr unsigned long kFlockSpinMs = 100;
 
-[[noreturn]] void raise(const char* text, int code) {
+[[noreturn]] void throwWithCode(const char* text, int code) {
   std::ostringstream message;
   message << text << code;
   throw RWLockException(message.str(), code);
 }
 
-[[noreturn]] void raisePlain(const char* text, int code) {
+[[noreturn]] void throwPlain(const char* text, int code) {
   std::ostringstream message;
   message << text << code;
   throw std::runtime_error(message.str());
@@ -101,7 +101,7 @@ void UnixSharedRWLock::init(const char* lockFileName) {
   if (key == -1) {
     const int error = errno;
     close(fd);
-    raise("Getting file identifier failed, errno = ", error);
+    throwWithCode("Getting file identifier failed, errno = ", error);
   }
   LockFileGuard guard(fd);
   if (!createSemathore(key)) openSemathore(key);
@@ -112,7 +112,7 @@ bool UnixSharedRWLock::createSemathore(int key) {
   const int id = semget(key, 3, IPC_CREAT | IPC_EXCL | 0666);
   if (id == -1) {
     if (errno == EEXIST) return false;
-    raise("Semaphore create/open failed, errno = ", errno);
+    throwWithCode("Semaphore create/open failed, errno = ", errno);
   }
   initSemathoreSet(id);
   mSemId = id;
@@ -121,11 +121,11 @@ bool UnixSharedRWLock::createSemathore(int key) {
 
 void UnixSharedRWLock::openSemathore(int key) {
   const int id = semget(key, 3, 0666);
-  if (id == -1) raisePlain("Open semaphore set failed errno = ", errno);
+  if (id == -1) throwPlain("Open semaphore set failed errno = ", errno);
   semid_ds ds;
   SemArg arg;
   arg.buf = &ds;
-  if (semctl(id, 0, IPC_STAT, arg) == -1) raise("Validate semaphor failed errno = ", errno);
+  if (semctl(id, 0, IPC_STAT, arg) == -1) throwWithCode("Validate semaphor failed errno = ", errno);
   if (ds.sem_nsems != 3) {
     throw std::runtime_error("Semaphor open failed. Semaphor set is not initialized properly.");
   }
@@ -139,18 +139,20 @@ void UnixSharedRWLock::initSemathoreSet(int semId) {
   unsigned short values[3] = {gWritersCount, gReadersCount, 1};
   SemArg arg;
   arg.array = values;
-  if (semctl(semId, 0, SETALL, arg) == -1) raise("Initialize semathor failed errno = ", errno);
+  if (semctl(semId, 0, SETALL, arg) == -1)
+    throwWithCode("Initialize semathor failed errno = ", errno);
   // The ready mark: the first semop sets sem_otime, which openers look at.
   // No SEM_UNDO, so it is never reversed.
   sembuf mark = semOp(detail::kUserCount, -1, IPC_NOWAIT);
   if (semop(semId, &mark, 1) == -1 && errno != EAGAIN) {
-    raise("Initialize semaphor failed errno = ", errno);
+    throwWithCode("Initialize semaphor failed errno = ", errno);
   }
 }
 
 void UnixSharedRWLock::tryUseSemaphore() {
   sembuf use = semOp(detail::kUserCount, +1, getSemFlags(false));
-  if (semop(mSemId, &use, 1) == -1) raise("The trying to use semaphor is failed, errno = ", errno);
+  if (semop(mSemId, &use, 1) == -1)
+    throwWithCode("The trying to use semaphor is failed, errno = ", errno);
 }
 
 bool UnixSharedRWLock::isLastProcess() {

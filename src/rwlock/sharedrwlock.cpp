@@ -54,7 +54,10 @@ int sharedrwlock::lockRead(unsigned long timeout) {
 }
 
 int sharedrwlock::freeRead() {
-  return guarded(mImpl, [](UnixSharedRWLock& l) { l.freeRead(); return true; });
+  return guarded(mImpl, [](UnixSharedRWLock& l) {
+    l.freeRead();
+    return true;
+  });
 }
 
 int sharedrwlock::upgradeToLockRead(unsigned long timeout) {
@@ -66,7 +69,10 @@ int sharedrwlock::lockWrite(unsigned long timeout) {
 }
 
 int sharedrwlock::freeWrite() {
-  return guarded(mImpl, [](UnixSharedRWLock& l) { l.freeWrite(); return true; });
+  return guarded(mImpl, [](UnixSharedRWLock& l) {
+    l.freeWrite();
+    return true;
+  });
 }
 
 int sharedrwlock::upgradeToLockWrite(unsigned long timeout) {

@@ -29,8 +29,8 @@ class LockingTest : public ::testing::Test {
     return {{v[0], v[1]}};
   }
   // A child that attaches to the lock, takes `hold` and keeps it until told.
-  std::unique_ptr<Child> holder(const std::function<bool(UnixSharedRWLock&)>& hold,
-                                Signal& held, Signal& done) {
+  std::unique_ptr<Child> holder(const std::function<bool(UnixSharedRWLock&)>& hold, Signal& held,
+                                Signal& done) {
     const std::string p = path;
     return std::unique_ptr<Child>(new Child([&, p] {
       UnixSharedRWLock l(p.c_str());
@@ -74,12 +74,24 @@ TEST_F(LockingTest, ValuesAfterEachStep) {
       const bool wantFalse = s.fails[i] == '1';
       bool result = true;
       switch (s.ops[i]) {
-        case 'r': result = lock->lockRead(0); break;
-        case 'R': lock->freeRead(); break;
-        case 'w': result = lock->lockWrite(0); break;
-        case 'W': lock->freeWrite(); break;
-        case 'd': result = lock->upgradeToLockRead(0); break;
-        case 'u': result = lock->upgradeToLockWrite(0); break;
+        case 'r':
+          result = lock->lockRead(0);
+          break;
+        case 'R':
+          lock->freeRead();
+          break;
+        case 'w':
+          result = lock->lockWrite(0);
+          break;
+        case 'W':
+          lock->freeWrite();
+          break;
+        case 'd':
+          result = lock->upgradeToLockRead(0);
+          break;
+        case 'u':
+          result = lock->upgradeToLockWrite(0);
+          break;
       }
       EXPECT_EQ(!wantFalse, result) << s.name << " step " << i;
       EXPECT_EQ(s.after[i], state()) << s.name << " step " << i;
@@ -336,8 +348,8 @@ TEST_F(LockingTest, WriterKilledInStage2GivesTheGateBack) {
 
 TEST_F(LockingTest, ProcessKilledAfterAnUpgradeFreesTheWriteLock) {
   Signal held, never;
-  auto dying = holder(
-      [](UnixSharedRWLock& l) { return l.lockRead(0) && l.upgradeToLockWrite(0); }, held, never);
+  auto dying = holder([](UnixSharedRWLock& l) { return l.lockRead(0) && l.upgradeToLockWrite(0); },
+                      held, never);
   ASSERT_EQ(1, held.wait());
   EXPECT_EQ((State{{0, 0}}), state());
   EXPECT_TRUE(dying->killNow());

@@ -1,8 +1,7 @@
 // RWLockException, the deadlines of the lock's waits and its semaphore flags.
+#include <gtest/gtest.h>
 #include <sys/time.h>
 #include <time.h>
-
-#include <gtest/gtest.h>
 
 #include "zelkit3/rwlock.h"
 

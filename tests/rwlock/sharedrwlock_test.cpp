@@ -1,7 +1,6 @@
 // sharedrwlock: result codes, the error buffer, and no exception crossing.
-#include <sys/file.h>
-
 #include <gtest/gtest.h>
+#include <sys/file.h>
 
 #include <cstring>
 #include <type_traits>

@@ -2,9 +2,8 @@
 // lock while the parent kills random holders with SIGKILL and starts new
 // processes in their place. Mutual exclusion is checked in shared memory by
 // every holder; the set must be gone at the end.
-#include <sys/mman.h>
-
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 
 #include <atomic>
 #include <cstdio>
@@ -97,10 +96,24 @@ class Worker {
     if (pick(8) == 0) sched_yield();
     check(writing);
   }
-  void enterRead() { mine().reads.fetch_add(1); work(false); }
-  void leaveRead() { mine().reads.fetch_sub(1); mLock.freeRead(); call(); }
-  void enterWrite() { mine().writer.store(1); work(true); }
-  void leaveWrite() { mine().writer.store(0); mLock.freeWrite(); call(); }
+  void enterRead() {
+    mine().reads.fetch_add(1);
+    work(false);
+  }
+  void leaveRead() {
+    mine().reads.fetch_sub(1);
+    mLock.freeRead();
+    call();
+  }
+  void enterWrite() {
+    mine().writer.store(1);
+    work(true);
+  }
+  void leaveWrite() {
+    mine().writer.store(0);
+    mLock.freeWrite();
+    call();
+  }
 
   void readCycle() {
     if (!counted(mLock.lockRead(timeout()))) return;
@@ -148,8 +161,8 @@ class Worker {
 TEST(RWLockStress, RandomHoldsAndKillsKeepMutualExclusion) {
   rwtest::LockDir dir;
   const std::string path = dir.path("stress.lock");
-  void* memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE,
-                      MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  void* memory =
+      mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   ASSERT_NE(MAP_FAILED, memory);
   Shared* shared = new (memory) Shared();
 
@@ -203,10 +216,11 @@ TEST(RWLockStress, RandomHoldsAndKillsKeepMutualExclusion) {
   const long long took = rwtest::wallMs() - start;
   EXPECT_FALSE(rwtest::setExists(path)) << "the last user removed the set";
 
-  std::printf("stress: %d processes, %ld operations (%ld holds, %ld time-outs), %lld kills, "
-              "%lld restarts, %ld violations, %lld ms\n",
-              kProcs, shared->ops.load(), shared->holds.load(), shared->timeouts.load(), kills,
-              restarts, shared->violations.load(), took);
+  std::printf(
+      "stress: %d processes, %ld operations (%ld holds, %ld time-outs), %lld kills, "
+      "%lld restarts, %ld violations, %lld ms\n",
+      kProcs, shared->ops.load(), shared->holds.load(), shared->timeouts.load(), kills, restarts,
+      shared->violations.load(), took);
   EXPECT_GE(shared->ops.load(), 20000);
   EXPECT_EQ(0, shared->violations.load());
   EXPECT_GT(kills, 0);

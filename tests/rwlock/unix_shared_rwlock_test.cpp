@@ -1,8 +1,7 @@
 // UnixSharedRWLock: finding, making, counting and removing the semaphore set
 // of a lock file, across processes, and the failures of all of that.
-#include <sys/file.h>
-
 #include <gtest/gtest.h>
+#include <sys/file.h>
 
 #include <memory>
 #include <type_traits>
@@ -130,7 +129,7 @@ TEST_F(UnixSharedRWLockTest, SetThatWasNeverMarkedReadyIsInitialised) {
 // descriptor left open.
 struct SetupFailure {
   const char* what;
-  int nsems;            // a foreign set under the key first, 0 for none
+  int nsems;             // a foreign set under the key first, 0 for none
   bool rwlockException;  // false: plain std::runtime_error
   const char* message;
   int code;
@@ -289,8 +288,16 @@ TEST_F(UnixSharedRWLockTest, SetRemovedBySomeoneElse) {
       {"lockWrite", [&] { lock.lockWrite(10); }},
       {"freeRead", [&] { lock.freeRead(); }},
       {"freeWrite", [&] { lock.freeWrite(); }},
-      {"upgradeToLockWrite", [&] { EXPECT_FALSE(lock.upgradeToLockWrite(0)); throw 0; }},
-      {"upgradeToLockRead", [&] { EXPECT_FALSE(lock.upgradeToLockRead(0)); throw 0; }},
+      {"upgradeToLockWrite",
+       [&] {
+         EXPECT_FALSE(lock.upgradeToLockWrite(0));
+         throw 0;
+       }},
+      {"upgradeToLockRead",
+       [&] {
+         EXPECT_FALSE(lock.upgradeToLockRead(0));
+         throw 0;
+       }},
   };
   for (const auto& o : ops) {
     try {
