@@ -62,6 +62,7 @@ TEST_F(UnixSharedRWLockTest, FirstUserMakesFileAndSet) {
 }
 
 TEST_F(UnixSharedRWLockTest, ObjectsAreCountedInOneProcess) {
+  const int fds = rwtest::openDescriptors();
   std::unique_ptr<UnixSharedRWLock> first(new UnixSharedRWLock(lockPath().c_str()));
   std::unique_ptr<UnixSharedRWLock> second(new UnixSharedRWLock(lockPath().c_str()));
   EXPECT_EQ((Values{{1, kN, 2}}), semValues(lockPath()));
@@ -69,6 +70,7 @@ TEST_F(UnixSharedRWLockTest, ObjectsAreCountedInOneProcess) {
   EXPECT_EQ((Values{{1, kN, 1}}), semValues(lockPath()));
   first.reset();
   EXPECT_FALSE(rwtest::setExists(lockPath()));
+  EXPECT_EQ(fds, rwtest::openDescriptors()) << "no descriptor is kept";
 }
 
 TEST_F(UnixSharedRWLockTest, ObjectsAreCountedAcrossProcesses) {
@@ -259,7 +261,9 @@ TEST_F(UnixSharedRWLockTest, BusyLockFileInTheDestructorLeavesTheCount) {
     UnixSharedRWLock* theirs = new UnixSharedRWLock(path.c_str());
     attached.post();
     if (locked.wait() != 1) return 1;
+    const int fds = rwtest::openDescriptors();
     delete theirs;  // Returns normally although the file is busy.
+    if (fds != rwtest::openDescriptors()) return 3;
     destroyed.post(static_cast<char>(semValues(path)[2]));
     return 0;
   });
