@@ -38,8 +38,9 @@ namespace zelkit3 {
 
 namespace nmstring {
 
-// Index of a slot of an EncodeSet.
-enum Encoding {
+// Index of a slot of an EncodeSet. Fixed to int, so that any int value is a
+// valid (if unknown) encoding.
+enum Encoding : int {
   ENCODING_ASCII = 0,      // char text, zero-terminated
   ENCODING_UTF8 = 1,       // char text, zero-terminated
   ENCODING_WIDE_CHAR = 2,  // wchar_t text, zero-terminated
@@ -65,8 +66,9 @@ class EncodeSet;
 class ZK3_API String {
  public:
   // The code of the last conversion on a set. Only STRING_NO_ERROR (0) is
-  // produced by this build; a converting Encoder may add its own codes.
-  enum ErrorCode {
+  // produced by this build; a converting Encoder may add its own codes, which
+  // the fixed int type keeps valid.
+  enum ErrorCode : int {
     STRING_NO_ERROR = 0,
   };
 
