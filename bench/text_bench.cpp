@@ -4,6 +4,7 @@
 //   String copy vs std::shared_ptr copy (copy and drop, one and two threads).
 #include <benchmark/benchmark.h>
 
+#include <cctype>
 #include <clocale>
 #include <cstring>
 #include <iomanip>

@@ -80,12 +80,11 @@ bool String::operator!=(const String& other) const { return compare(other) != 0;
 bool String::operator<(const String& other) const { return compare(other) < 0; }
 bool String::operator>(const String& other) const { return compare(other) > 0; }
 
-String String::fromASCII(const char* text) { return String(EncodeSet::fromASCII(text != nullptr ? text : "")); }
+// The factories of EncodeSet take a null text as the empty text.
+String String::fromASCII(const char* text) { return String(EncodeSet::fromASCII(text)); }
 
-String String::fromUTF8(const char* text) { return String(EncodeSet::fromUTF8(text != nullptr ? text : "")); }
+String String::fromUTF8(const char* text) { return String(EncodeSet::fromUTF8(text)); }
 
-String String::fromWideChar(const wchar_t* text) {
-  return String(EncodeSet::fromWideChar(text != nullptr ? text : L""));
-}
+String String::fromWideChar(const wchar_t* text) { return String(EncodeSet::fromWideChar(text)); }
 
 }  // namespace zelkit3

@@ -118,6 +118,8 @@ TEST_F(EscapeData, DocumentedExamples) {
 
 TEST_F(EscapeData, NullGivesTheEmptyString) { EXPECT_EQ(helper->escapeData(nullptr), ""); }
 
+TEST_F(EscapeData, TheTerminatorByteWouldBeEscaped) { EXPECT_TRUE(helper->needEscape('\0')); }
+
 TEST_F(EscapeData, LongMixedTextMatchesByteByByte) {
   // A deterministic mix of long plain runs and escaped bytes.
   std::string text, expected;
