@@ -17,7 +17,7 @@
 
 // glibc's newlocale keeps its parsed copy of LOCPATH for good; that is not
 // ours to report. (Read by LeakSanitizer only.)
-extern "C" const char* __lsan_default_suppressions() { return "leak:__argz_add_sep\n"; }
+extern "C" const char* __lsan_default_suppressions() { return "leak:argz_add_sep\n"; }
 
 namespace {
 

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include "zelkit3/lifecycle.h"
+
 #include <atomic>
 #include <cstring>
 #include <cwchar>
@@ -60,6 +62,10 @@ String watchedString(const wchar_t* text, std::atomic<int>* destroyed) {
   set->mRef = new WatchedCount(destroyed);
   return String(set);
 }
+
+// Built by an ordinary static initialiser, after the library's own steps.
+const String gEarlyEmpty;
+const String gEarlyText = String::fromWideChar(L"early");
 
 // ---- What each `to` operation gives, by what the String was made from.
 
@@ -143,6 +149,23 @@ TEST(String, EmptyStringIsTheSharedEmptySet) {
   EXPECT_STREQ(empty.toWideChar(), L"");
   EXPECT_EQ(empty.toASCII(), nullptr);
   EXPECT_EQ(String(nullptr).getEncodeSet(), EncodeSet::sEmpty);
+}
+
+TEST(String, StaticStringsSeeTheEmptySetFromLoad) {
+  EXPECT_NE(gEarlyEmpty.getEncodeSet(), nullptr);
+  EXPECT_EQ(gEarlyEmpty.getEncodeSet(), EncodeSet::sEmpty);
+  EXPECT_STREQ(gEarlyEmpty.toWideChar(), L"");
+  EXPECT_STREQ(gEarlyText.toWideChar(), L"early");
+}
+
+TEST(String, EmptyStringOutlivesTheUnloadHook) {
+  const EncodeSet* empty = EncodeSet::sEmpty;
+  ZelKit3AtUnload();
+  EXPECT_EQ(EncodeSet::sEmpty, empty);
+  const String after;
+  EXPECT_STREQ(after.toWideChar(), L"");
+  EXPECT_TRUE(after == gEarlyEmpty);
+  ZelKit3AtLoad();
 }
 
 TEST(String, NullAndEmptyTextMakeNewSets) {
