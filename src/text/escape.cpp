@@ -35,44 +35,105 @@ class AlnumTest {
  public:
 #ifdef __GLIBC__
   AlnumTest() : mTable(*__ctype_b_loc()) {}
-  bool operator()(unsigned char b) const {
-    return (mTable[static_cast<signed char>(b)] & static_cast<unsigned short>(_ISalnum)) != 0;
-  }
+  bool operator()(unsigned char b) const { return mAnyCandidate && isAlnum(b); }
+  // Long texts: learns once whether any candidate byte is alphanumeric in
+  // this locale (none is in "C" or UTF-8 locales); if none is, every
+  // candidate is escaped without a look at the table.
+  void learnCandidates();
+  bool anyCandidate() const { return mAnyCandidate; }
 
  private:
+  bool isAlnum(unsigned char b) const {
+    return (mTable[static_cast<signed char>(b)] & static_cast<unsigned short>(_ISalnum)) != 0;
+  }
   const unsigned short* mTable;
+  bool mAnyCandidate = true;
 #else
   bool operator()(unsigned char b) const { return isalnum(static_cast<signed char>(b)) != 0; }
+  void learnCandidates() {}
+  bool anyCandidate() const { return true; }
 #endif
 };
 
+#ifdef __GLIBC__
+void AlnumTest::learnCandidates() {
+  // The candidates are 0x01..0x1F, '%', '&', '+', 0x7F and 0x80..0xFF; the
+  // last range sits at indices -128..-1 as signed chars. OR-reduced in two
+  // contiguous stretches, which the compiler vectorises.
+  unsigned bits = 0;
+  for (int i = -128; i < 0; ++i) bits |= mTable[i];
+  for (int i = 0x01; i < 0x20; ++i) bits |= mTable[i];
+  bits |= mTable['%'] | mTable['&'] | mTable['+'] | mTable[0x7F];
+  mAnyCandidate = (bits & static_cast<unsigned short>(_ISalnum)) != 0;
+}
+#endif
 
-// Calls onCandidate(i), in ascending order, for every i < length whose byte
-// is a candidate (see EscapeCandidates). Text is mostly long runs of plain
-// bytes, so 16 bytes are classified at a time where SSE2 exists.
-template <typename OnCandidate>
-inline void forEachCandidate(const unsigned char* text, std::size_t length, OnCandidate onCandidate) {
+#ifdef __SSE2__
+// Bit k set when text[k] is a candidate, for the 16 bytes at text.
+inline unsigned candidateMask(const unsigned char* text) {
+  const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text));
+  // A signed compare catches 0x00..0x1F and 0x80..0xFF at once.
+  const __m128i outside = _mm_or_si128(_mm_cmplt_epi8(v, _mm_set1_epi8(0x20)), _mm_cmpeq_epi8(v, _mm_set1_epi8(0x7F)));
+  const __m128i special = _mm_or_si128(_mm_cmpeq_epi8(v, _mm_set1_epi8('%')),
+                                       _mm_or_si128(_mm_cmpeq_epi8(v, _mm_set1_epi8('&')), _mm_cmpeq_epi8(v, _mm_set1_epi8('+'))));
+  return static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(outside, special)));
+}
+#endif
+
+// The number of bytes of text[0, length) that are written escaped. Text is
+// mostly long runs of plain bytes, so 16 bytes are classified at a time where
+// SSE2 exists.
+std::size_t countEscaped(const unsigned char* text, std::size_t length, const AlnumTest& isAlnum) {
+  std::size_t escaped = 0;
   std::size_t i = 0;
 #ifdef __SSE2__
-  const __m128i below = _mm_set1_epi8(0x20);  // signed compare: 0x00..0x1F and 0x80..0xFF
-  const __m128i del = _mm_set1_epi8(0x7F);
-  const __m128i percent = _mm_set1_epi8('%');
-  const __m128i ampersand = _mm_set1_epi8('&');
-  const __m128i plus = _mm_set1_epi8('+');
+  if (!isAlnum.anyCandidate()) {
+    for (; i + 16 <= length; i += 16) escaped += static_cast<std::size_t>(__builtin_popcount(candidateMask(text + i)));
+  }
   for (; i + 16 <= length; i += 16) {
-    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text + i));
-    const __m128i hit = _mm_or_si128(
-        _mm_or_si128(_mm_cmplt_epi8(v, below), _mm_cmpeq_epi8(v, del)),
-        _mm_or_si128(_mm_cmpeq_epi8(v, percent), _mm_or_si128(_mm_cmpeq_epi8(v, ampersand), _mm_cmpeq_epi8(v, plus))));
-    unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(hit));
-    while (mask != 0) {
-      onCandidate(i + static_cast<std::size_t>(__builtin_ctz(mask)));
-      mask &= mask - 1;
-    }
+    for (unsigned mask = candidateMask(text + i); mask != 0; mask &= mask - 1)
+      escaped += isAlnum(text[i + static_cast<std::size_t>(__builtin_ctz(mask))]) ? 0 : 1;
   }
 #endif
-  for (; i < length; ++i)
-    if (kCandidates.maybe[text[i]] != 0) onCandidate(i);
+  for (; i < length; ++i) escaped += (kCandidates.maybe[text[i]] != 0 && !isAlnum(text[i])) ? 1 : 0;
+  return escaped;
+}
+
+// Writes one byte, escaped or not; returns the new end of out.
+inline char* put(char* out, unsigned char b, const AlnumTest& isAlnum) {
+  if (kCandidates.maybe[b] != 0 && !isAlnum(b)) {
+    out[0] = '%';
+    out[1] = kHexDigits[b >> 4];
+    out[2] = kHexDigits[b & 0x0F];
+    return out + 3;
+  }
+  *out = static_cast<char>(b);
+  return out + 1;
+}
+
+const std::size_t kOnePassLimit = 1024;
+
+// Writes the escaped form of text[0, length) to out, which has room for it;
+// returns the end of what was written. Blocks of 16 plain bytes are gathered
+// into runs copied whole; a block with a candidate goes byte by byte.
+char* writeEscaped(const unsigned char* text, std::size_t length, char* out, const AlnumTest& isAlnum) {
+  std::size_t run = 0;  // start of the plain bytes not yet copied
+  std::size_t i = 0;
+#ifdef __SSE2__
+  for (; i + 16 <= length; i += 16) {
+    if (candidateMask(text + i) == 0) continue;
+    if (i != run) {
+      std::memcpy(out, text + run, i - run);
+      out += i - run;
+    }
+    for (std::size_t k = i; k != i + 16; ++k) out = put(out, text[k], isAlnum);
+    run = i + 16;
+  }
+#endif
+  std::memcpy(out, text + run, i - run);
+  out += i - run;
+  for (; i < length; ++i) out = put(out, text[i], isAlnum);
+  return out;
 }
 
 }  // namespace
@@ -103,40 +164,27 @@ bool CEscapeDataHelper::needEscape(char c) {
 
 std::string CEscapeDataHelper::escapeData(const char* text) {
   if (text == nullptr) return std::string();
-  const AlnumTest isAlnum;
+  AlnumTest isAlnum;
   const unsigned char* const begin = reinterpret_cast<const unsigned char*>(text);
   const std::size_t length = std::strlen(text);
 
-  // Pass 1: count the escaped bytes, so that the result is allocated once at
-  // its exact size. Both passes use the same classification table, so they
-  // agree on every byte.
-  std::size_t escaped = 0;
-  forEachCandidate(begin, length, [&](std::size_t i) { escaped += isAlnum(begin[i]) ? 0 : 1; });
+  // Short texts: one pass into room for the worst case (every byte
+  // escaped), trimmed afterwards; the slack is at most 2 * kOnePassLimit.
+  if (length <= kOnePassLimit) {
+    std::string out(3 * length, '\0');
+    out.resize(static_cast<std::size_t>(writeEscaped(begin, length, &out[0], isAlnum) - &out[0]));
+    return out;
+  }
+
+  // Longer texts: count the escaped bytes first, so that the result is
+  // allocated once at its exact size. Both passes use the same
+  // classification table, so they agree on every byte.
+  isAlnum.learnCandidates();
+  const std::size_t escaped = countEscaped(begin, length, isAlnum);
   if (escaped == 0) return std::string(text, length);
   if (escaped > (std::numeric_limits<std::size_t>::max() / 2) - length) throw std::bad_alloc();
-
-  // Pass 2: copy the runs between escaped bytes, expand those.
   std::string out(length + 2 * escaped, '\0');
-  char* o = &out[0];
-  std::size_t run = 0;
-  forEachCandidate(begin, length, [&](std::size_t i) {
-    const unsigned char b = begin[i];
-    if (isAlnum(b)) return;
-    const std::size_t plain = i - run;
-    if (plain >= 16) {
-      std::memcpy(o, begin + run, plain);
-      o += plain;
-    } else {
-      // Short runs (dense escapes) are cheaper copied in place than by a call.
-      for (const unsigned char* q = begin + run; q != begin + i; ++q) *o++ = static_cast<char>(*q);
-    }
-    o[0] = '%';
-    o[1] = kHexDigits[b >> 4];
-    o[2] = kHexDigits[b & 0x0F];
-    o += 3;
-    run = i + 1;
-  });
-  std::memcpy(o, begin + run, length - run);
+  writeEscaped(begin, length, &out[0], isAlnum);
   return out;
 }
 

@@ -138,6 +138,19 @@ TEST_F(EscapeData, LongMixedTextMatchesByteByByte) {
   EXPECT_EQ(helper->escapeData(text.c_str()), expected);
 }
 
+TEST_F(EscapeData, EveryLengthAroundTheBlockAndPassLimits) {
+  // Escaped bytes at every position of texts whose lengths straddle the
+  // 16-byte blocks and the switch from one pass to counting first.
+  for (std::size_t length : {1u, 15u, 16u, 17u, 31u, 33u, 1023u, 1024u, 1025u, 1040u, 2049u}) {
+    for (std::size_t at : {std::size_t(0), length / 2, length - 1}) {
+      std::string text(length, 'a');
+      text[at] = '+';
+      std::string expected = text.substr(0, at) + "%2B" + text.substr(at + 1);
+      EXPECT_EQ(helper->escapeData(text.c_str()), expected) << length << " " << at;
+    }
+  }
+}
+
 // A byte from 0x80 up that the locale calls alphanumeric is not escaped:
 // isalnum comes before the range test. Needs an 8-bit locale; none is
 // installed here, so one is compiled into a private directory if localedef
@@ -184,13 +197,15 @@ TEST_F(EscapeData, AlphanumericHighByteInAnEightBitLocale) {
   EXPECT_FALSE(helper->needEscape('\xE9'));  // e acute is a letter in Latin-1
   EXPECT_TRUE(helper->needEscape('\xA0'));   // no-break space is not
   EXPECT_EQ(helper->escapeData("caf\xE9+"), "caf\xE9%2B");
-  // Long enough for the blockwise scan.
-  std::string text, expected;
-  for (int i = 0; i < 10; ++i) {
-    text += "caf\xE9 cr\xE8me\xA0&";
-    expected += "caf\xE9 cr\xE8me%A0%26";
+  // Long enough for the blockwise scan, short and long (counted) texts.
+  for (int repeat : {10, 200}) {
+    std::string text, expected;
+    for (int i = 0; i < repeat; ++i) {
+      text += "caf\xE9 cr\xE8me\xA0&";
+      expected += "caf\xE9 cr\xE8me%A0%26";
+    }
+    EXPECT_EQ(helper->escapeData(text.c_str()), expected) << repeat;
   }
-  EXPECT_EQ(helper->escapeData(text.c_str()), expected);
   // 0xFF is -1 as a signed char, which isalnum reads as EOF: escaped, though
   // y with diaeresis is a letter in Latin-1.
   EXPECT_EQ(helper->escapeData("\xFF"), "%FF");
