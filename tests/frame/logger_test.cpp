@@ -11,6 +11,8 @@
 #include <type_traits>
 #include <vector>
 
+#include "support/sync.h"
+
 namespace {
 
 using zelkit3::IdleLogger;
@@ -153,13 +155,12 @@ TEST(LoggerHelper, DestructorSwallowsAThrowingRelease) {
 
 TEST(IdleLogger, GetInstGivesOneInstanceToEveryThread) {
   constexpr int kThreads = 8;
-  std::atomic<int> waiting{kThreads};
+  zk3test::Gate gate(kThreads);
   std::vector<IdleLogger*> seen(kThreads, nullptr);
   std::vector<std::thread> threads;
   for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([&, i] {
-      waiting.fetch_sub(1);
-      while (waiting.load() > 0) std::this_thread::yield();
+      gate.arriveAndWait();
       seen[i] = IdleLogger::getInst();
     });
   }
@@ -176,12 +177,11 @@ TEST(ThreadSafeAddRef, StartsAtOneAndCountsAtomically) {
 
   constexpr int kThreads = 4;
   constexpr int kRounds = 20000;
-  std::atomic<int> waiting{kThreads};
+  zk3test::Gate gate(kThreads);
   std::vector<std::thread> threads;
   for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([&] {
-      waiting.fetch_sub(1);
-      while (waiting.load() > 0) std::this_thread::yield();
+      gate.arriveAndWait();
       for (int r = 0; r < kRounds; ++r) count->incrementRef();
       for (int r = 0; r < kRounds / 2; ++r) count->decrementRef();
     });

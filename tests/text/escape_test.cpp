@@ -15,6 +15,8 @@
 #include <thread>
 #include <vector>
 
+#include "support/sync.h"
+
 // glibc's newlocale keeps its parsed copy of LOCPATH for good; that is not
 // ours to report. (Read by LeakSanitizer only.)
 extern "C" const char* __lsan_default_suppressions() { return "leak:argz_add_sep\n"; }
@@ -50,14 +52,13 @@ std::string expectedFor(int byte, bool escaped) {
 // First in the file, so that the callers really race on the first getInst.
 TEST(EscapeDataHelper, OneInstanceForRacingFirstCallers) {
   constexpr int kThreads = 8;
-  std::atomic<int> waiting{kThreads};
+  zk3test::Gate gate(kThreads);
   std::vector<CEscapeDataHelper*> seen(kThreads, nullptr);
   std::vector<std::string> results(kThreads);
   std::vector<std::thread> threads;
   for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([&, i] {
-      waiting.fetch_sub(1);
-      while (waiting.load() > 0) std::this_thread::yield();
+      gate.arriveAndWait();
       seen[i] = CEscapeDataHelper::getInst();
       results[i] = seen[i]->escapeData("a+b");
     });

@@ -16,6 +16,8 @@
 #include <utility>
 #include <vector>
 
+#include "support/sync.h"
+
 namespace {
 
 using zelkit3::String;
@@ -365,15 +367,14 @@ TEST(StringThreads, CopiesSharedAndDroppedAcrossThreads) {
   for (int round = 0; round < kRounds; ++round) {
     String original = watchedString(L"shared text", &destroyed);
     std::vector<String> handed(kThreads, original);
-    std::atomic<int> waiting{kThreads + 1};
+    zk3test::Gate gate(kThreads + 1);
     std::atomic<int> mismatches{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
       threads.emplace_back([&, t] {
         String mine = handed[t];
         handed[t] = String();
-        waiting.fetch_sub(1);
-        while (waiting.load() > 0) std::this_thread::yield();
+        gate.arriveAndWait();
         std::vector<String> copies;
         for (int i = 0; i < kCopies; ++i) copies.push_back(mine);
         for (int i = 0; i < kCopies; i += 2) copies[i] = String();
@@ -382,8 +383,7 @@ TEST(StringThreads, CopiesSharedAndDroppedAcrossThreads) {
         mine = String();  // maybe the last reference
       });
     }
-    waiting.fetch_sub(1);
-    while (waiting.load() > 0) std::this_thread::yield();
+    gate.arriveAndWait();
     original = String();
     for (auto& th : threads) th.join();
     EXPECT_EQ(mismatches.load(), 0);
@@ -393,13 +393,12 @@ TEST(StringThreads, CopiesSharedAndDroppedAcrossThreads) {
 
 TEST(StringThreads, EmptyStringUsedFromManyThreads) {
   constexpr int kThreads = 4;
-  std::atomic<int> waiting{kThreads};
+  zk3test::Gate gate(kThreads);
   std::atomic<int> bad{0};
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&] {
-      waiting.fetch_sub(1);
-      while (waiting.load() > 0) std::this_thread::yield();
+      gate.arriveAndWait();
       for (int i = 0; i < 2000; ++i) {
         String e, f(e);
         f = e;
