@@ -27,8 +27,9 @@ namespace zelkit3 {
 // whether release destroys the object is up to the implementation.
 class ZK3_API ILogger {
  public:
-  // Writes a printf-style message at a priority.
-  [[gnu::format(printf, 3, 4)]] virtual void logf(int priority, const char* format, ...) = 0;
+  // Writes a printf-style message at a priority. (No format attribute: old
+  // callers built with -Werror must keep building against this header.)
+  virtual void logf(int priority, const char* format, ...) = 0;
   // Writes a plain message at a priority.
   virtual void log(int priority, const char* message) = 0;
   // Whether messages of this priority would be written.
@@ -49,7 +50,7 @@ class ZK3_API IdleLogger : public ILogger {
   static IdleLogger* getInst();
 
   // Do nothing.
-  [[gnu::format(printf, 3, 4)]] void logf(int priority, const char* format, ...) override;
+  void logf(int priority, const char* format, ...) override;
   void log(int priority, const char* message) override;
   // False for every priority.
   bool isPriorityEnabled(int priority) override;

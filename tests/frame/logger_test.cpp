@@ -153,22 +153,6 @@ TEST(LoggerHelper, DestructorSwallowsAThrowingRelease) {
   delete logger;
 }
 
-TEST(IdleLogger, GetInstGivesOneInstanceToEveryThread) {
-  constexpr int kThreads = 8;
-  zk3test::Gate gate(kThreads);
-  std::vector<IdleLogger*> seen(kThreads, nullptr);
-  std::vector<std::thread> threads;
-  for (int i = 0; i < kThreads; ++i) {
-    threads.emplace_back([&, i] {
-      gate.arriveAndWait();
-      seen[i] = IdleLogger::getInst();
-    });
-  }
-  for (auto& t : threads) t.join();
-  for (IdleLogger* p : seen) EXPECT_EQ(p, IdleLogger::getInst());
-  EXPECT_NE(IdleLogger::getInst(), nullptr);
-}
-
 TEST(ThreadSafeAddRef, StartsAtOneAndCountsAtomically) {
   auto* count = new ThreadSafeAddRef();
   EXPECT_EQ(count->getCount(), 1u);

@@ -134,12 +134,6 @@ TEST(String, ToOperationsByOrigin) {
   }
 }
 
-TEST(String, ToReturnsTheStoredBufferEveryTime) {
-  const String s = String::fromUTF8("x");
-  EXPECT_EQ(s.toUTF8(), s.toUTF8());
-  EXPECT_EQ(s.toUTF8(), s.getEncodeSet()->mForms[ENCODING_UTF8].mText);
-}
-
 // ---- Construction and lengths.
 
 TEST(String, EmptyStringIsTheSharedEmptySet) {
@@ -187,14 +181,6 @@ TEST(String, LengthIsInUnitsOfTheOriginalForm) {
   EXPECT_EQ(String::fromASCII("hello").getLength(), 5u);
   EXPECT_EQ(String::fromUTF8("\xC3\xA9\xE2\x82\xAC").getLength(), 5u);  // two characters, five bytes
   EXPECT_EQ(String::fromWideChar(L"\u00E9\u20AC\U0001F600").getLength(), 3u);
-}
-
-TEST(String, TheTextIsCopied) {
-  char text[] = "abc";
-  const String s = String::fromASCII(text);
-  text[0] = 'X';
-  EXPECT_STREQ(s.toASCII(), "abc");
-  EXPECT_NE(s.toASCII(), text);
 }
 
 // ---- Comparisons.
@@ -347,16 +333,6 @@ TEST(String, TheEmptySetIsNeverCounted) {
   EXPECT_STREQ(String().toWideChar(), L"");
 }
 
-TEST(String, TheLastOwnerDestroysTheCountThenTheSet) {
-  std::atomic<int> destroyed{0};
-  {
-    String s = watchedString(L"x", &destroyed);
-    { String c(s); }
-    EXPECT_EQ(destroyed.load(), 0);
-  }
-  EXPECT_EQ(destroyed.load(), 1);
-}
-
 // Copies made and dropped on several threads at once; the last owner, on
 // whatever thread, frees the set exactly once (TSan checks the ordering).
 TEST(StringThreads, CopiesSharedAndDroppedAcrossThreads) {
@@ -426,16 +402,6 @@ TEST(EncodeSet, FreshSetIsEmptyWithCountOne) {
   set->dispose();
 }
 
-TEST(EncodeSet, SharedEmptySetHasTheWideFormOnly) {
-  const EncodeSet* empty = EncodeSet::sEmpty;
-  ASSERT_NE(empty, nullptr);
-  EXPECT_EQ(empty->mForms[ENCODING_ASCII].mText, nullptr);
-  EXPECT_EQ(empty->mForms[ENCODING_UTF8].mText, nullptr);
-  ASSERT_NE(empty->mForms[ENCODING_WIDE_CHAR].mText, nullptr);
-  EXPECT_STREQ(empty->mForms[ENCODING_WIDE_CHAR].wide(), L"");
-  EXPECT_EQ(empty->mLength, 0u);
-}
-
 TEST(EncodeSet, SystemSlotSteps) {
   EXPECT_EQ(Encoder::sSystemEncoding, ENCODING_WIDE_CHAR);
   EXPECT_EQ(static_cast<int>(Encoder::sSystemEncoding), 2);
@@ -466,27 +432,6 @@ TEST(EncodeSet, EncoderConvertsNothingAndLeavesTheErrorAlone) {
     EXPECT_EQ(Encoder::fromSystem(wide, e, error).mText, nullptr);
     EXPECT_EQ(error, sentinel);
   }
-}
-
-TEST(EncodeSet, FactoriesTakeNullAsTheEmptyText) {
-  for (EncodeSet* set : {EncodeSet::fromASCII(nullptr), EncodeSet::fromUTF8(nullptr)}) {
-    const int slot = set->mForms[ENCODING_ASCII].mText != nullptr ? ENCODING_ASCII : ENCODING_UTF8;
-    EXPECT_STREQ(set->mForms[slot].chars(), "");
-    EXPECT_EQ(set->mLength, 0u);
-    String adopt(set);
-  }
-  String wide(EncodeSet::fromWideChar(nullptr));
-  EXPECT_STREQ(wide.toWideChar(), L"");
-}
-
-TEST(EncodeSet, ComparePrimitivesCollate) {
-  const EncodeSet* any = EncodeSet::sEmpty;
-  EXPECT_LT(any->compareAscii("a", "b"), 0);
-  EXPECT_GT(any->compareUTF8("b", "a"), 0);
-  EXPECT_EQ(any->compareWideChar(L"same", L"same"), 0);
-  const String a = W(L"a"), b = W(L"b");
-  EXPECT_LT(any->compareSystem(a.getEncodeSet(), b.getEncodeSet()), 0);
-  EXPECT_THROW(any->compareSystem(a.getEncodeSet(), A("b").getEncodeSet()), std::runtime_error);
 }
 
 #if ZK3_TEST_TIME_SCALE == 1
