@@ -120,13 +120,14 @@ bool parseTzif(const unsigned char* data, size_t size, TziMap& tzi) {
         i + 1 < n && civilFromUnixSeconds(block.time(i)).year ==
                          civilFromUnixSeconds(block.time(i + 1)).year;
     // -1 is absent; the kind of i + 1 is taken to be the opposite of i's.
+    const int64_t here = i;
     int64_t s, d;
     if (paired) {
-      d = block.isDst(i) ? i : i + 1;
-      s = block.isDst(i) ? i + 1 : i;
+      d = block.isDst(i) ? here : here + 1;
+      s = block.isDst(i) ? here + 1 : here;
     } else {
-      d = block.isDst(i) ? i : -1;
-      s = block.isDst(i) ? -1 : i;
+      d = block.isDst(i) ? here : -1;
+      s = block.isDst(i) ? -1 : here;
     }
     std::unique_ptr<_TIME_ZONE_INFORMATION> rec(new _TIME_ZONE_INFORMATION());
     rec->StandardBias = 0;
