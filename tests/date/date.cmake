@@ -7,3 +7,10 @@ zk3_add_gtest(date_tzif_parser_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/tzif_parse
               LABELS date INTERNAL)
 zk3_add_gtest(date_tz_factory_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/tz_factory_test.cpp LABELS date)
 zk3_add_gtest(date_convert_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/convert_test.cpp LABELS date)
+# The golden conversions: written by date_golden_gen on x86_64, checked on both ABIs.
+zk3_add_gtest(date_golden_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/golden_test.cpp
+              ${CMAKE_CURRENT_LIST_DIR}/golden_cases.cpp LABELS date INTERNAL)
+add_executable(date_golden_gen ${CMAKE_CURRENT_LIST_DIR}/golden_gen.cpp
+               ${CMAKE_CURRENT_LIST_DIR}/golden_cases.cpp)
+target_link_libraries(date_golden_gen PRIVATE zelkit3_internal)
+zk3_warnings(date_golden_gen)

@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "date/tz_file.h"
@@ -377,6 +378,44 @@ TEST_F(TzifFile, NamesAreCutAt129Characters) {
   EXPECT_TRUE(AHistoricalTimezoneHelper::LoadUnixHistTZI(map, name.substr(0, 128).c_str()));
   zelkit3::date::detail::buildZonePath(nullptr, built);
   EXPECT_STREQ("/etc/localtime", built);
+}
+
+}  // namespace
+
+namespace {
+
+// Every crafted file of the regression corpus parses without reading outside
+// its bytes, and the results are those the file was made for.
+TEST(TzifCorpus, CraftedFilesParseSafely) {
+  const struct {
+    const char* file;
+    bool result;
+    size_t records;
+  } cases[] = {{"ny_2010_2011.tzif", false, 2},          {"ny_no_magic.tzif", false, 2},
+               {"truncated_by_one.tzif", true, 0},        {"header_only.tzif", true, 0},
+               {"type_index_past_typecnt.tzif", true, 0}, {"timecnt_near_2_32.tzif", true, 0},
+               {"sum_wraps_32_bits.tzif", true, 0},       {"charcnt_max.tzif", true, 0},
+               {"extreme_offsets.tzif", false, 2},        {"empty.tzif", true, 0},
+               {"three_bytes.tzif", true, 0}};
+  for (const auto& c : cases) {
+    const std::string path = std::string(ZK3_SOURCE_DIR "/tests/date/data/corpus/") + c.file;
+    FILE* f = std::fopen(path.c_str(), "rb");
+    ASSERT_NE(nullptr, f) << path;
+    std::vector<unsigned char> bytes;
+    for (int ch; (ch = std::fgetc(f)) != EOF;) bytes.push_back(static_cast<unsigned char>(ch));
+    std::fclose(f);
+    // An exact-size heap copy, so that ASan sees any read past the end.
+    std::unique_ptr<unsigned char[]> exact(new unsigned char[bytes.size() + 1]);
+    if (!bytes.empty()) std::memcpy(exact.get(), bytes.data(), bytes.size());
+    TziMap map;
+    EXPECT_EQ(c.result, parseTzif(exact.get(), bytes.size(), map)) << c.file;
+    EXPECT_EQ(c.records, map.size()) << c.file;
+    for (auto& entry : map) delete entry.second;
+    // The file layer agrees with the parser.
+    TziMap fromFile;
+    EXPECT_EQ(c.result, zelkit3::date::detail::loadTzifFile(path.c_str(), fromFile)) << c.file;
+    for (auto& entry : fromFile) delete entry.second;
+  }
 }
 
 }  // namespace
