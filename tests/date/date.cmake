@@ -14,3 +14,4 @@ add_executable(date_golden_gen ${CMAKE_CURRENT_LIST_DIR}/golden_gen.cpp
                ${CMAKE_CURRENT_LIST_DIR}/golden_cases.cpp)
 target_link_libraries(date_golden_gen PRIVATE zelkit3_internal)
 zk3_warnings(date_golden_gen)
+zk3_add_gtest(date_real_zones_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/real_zones_test.cpp LABELS date)
