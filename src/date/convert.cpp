@@ -2,6 +2,7 @@
 #include <string.h>
 
 #include "date/serial_internal.h"
+#include "date/zone_rules.h"
 #include "zelkit3/date.h"
 #include "zelkit3/timezone.h"
 
@@ -13,16 +14,14 @@ namespace {
 // One leg between a zone and UTC. Gives date back if it can't be decoded,
 // the zone has no record or the result leaves the serial range.
 double convertLeg(double date, IHistoricalTimezoneHelper* helper, bool toUTC) {
-  _SYSTEMTIME in;
-  if (!detail::decodeSerial(date, &in)) return date;
-  // The year on the clock the date is given in.
-  _TIME_ZONE_INFORMATION* tz = helper->getTimezoneInformationByYear(static_cast<unsigned int>(in.wYear));
+  // Decoding, the record conversion and encoding again, done on the serial
+  // with the same roundings: d is the decoded-and-encoded input.
+  double d;
+  unsigned short year;  // the year on the clock the date is given in
+  if (!detail::truncateSerialWithYear(date, &d, &year)) return date;
+  _TIME_ZONE_INFORMATION* tz = helper->getTimezoneInformationByYear(static_cast<unsigned int>(year));
   if (tz == nullptr) return date;
-  _SYSTEMTIME out;
-  const int ok = toUTC ? TzSpecificLocalTimeToUTCTime(tz, &in, &out)
-                       : UTCTimeToTzSpecificLocalTime(tz, &in, &out);
-  if (!ok) return date;
-  detail::encodeSerial(&out, &date);
+  detail::convertSerial(tz, d, year, toUTC, &date);
   return date;
 }
 

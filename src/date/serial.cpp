@@ -13,20 +13,31 @@ using detail::kDaysBeforeMonth;
 
 namespace detail {
 
-int decodeSerial(double date, _SYSTEMTIME* out) {
-  // Written so that NaN fails the test: it compares false with everything.
-  if (!(date <= kMaxSerial && date >= kMinSerial)) return 0;
-  // A bias of 1e-9 day stands in for rounding: it is larger than the spacing
-  // of doubles anywhere in the range, so records round-trip exactly.
+namespace {
+
+// The whole days (toward zero) and the milliseconds of the day of a serial
+// in range. A bias of 1e-9 day stands in for rounding: it is larger than the
+// spacing of doubles anywhere in the range, so records round-trip exactly.
+inline void splitSerial(double date, int* days, int* ms) {
   const double x = date >= 0 ? date + 1e-9 : date - 1e-9;
-  const int n = static_cast<int>(x) + kSerialEpochDay;  // truncates toward 0
+  *days = static_cast<int>(x);  // truncates toward 0
   const double magnitude = fabs(x);
-  int ms = static_cast<int>((magnitude - floor(magnitude)) * 86400000.0);
+  *ms = static_cast<int>((magnitude - floor(magnitude)) * 86400000.0);
   // A fraction within one ulp of 1 can round to a whole day; keep it on the
   // last millisecond of its own day rather than reporting hour 24.
-  if (ms > 86399999) ms = 86399999;
+  if (*ms > 86399999) *ms = 86399999;
+}
 
-  // Year and day of the year: 400-year blocks, centuries, 4-year groups.
+// The serial of a day and a time of day, as encodeSerial forms it.
+inline double joinSerial(int days, int ms) {
+  const double f = (ms / 1000) / 86400.0 + (ms % 1000) / 86400000.0;
+  return days >= 0 ? days + f : days - f;
+}
+
+// Year, 0-based day of the year and whether the year is a leap year, of a
+// day number that counts 0000-01-01 as 0: 400-year blocks, centuries, then
+// 4-year groups.
+inline int splitDayNumber(int n, int* dayOfYear, bool* leapYear) {
   const int q400 = n / 146097;
   const int d = n % 146097;
   const int q100 = (d - 1) / 36524;
@@ -55,14 +66,48 @@ int decodeSerial(double date, _SYSTEMTIME* out) {
     q1 = e / 365;
     e = e % 365;
   }
-  const int year = 400 * q400 + 100 * q100 + 4 * q4 + q1;
+  *dayOfYear = e;
+  *leapYear = groupHasLeap && q1 == 0;
+  return 400 * q400 + 100 * q100 + 4 * q4 + q1;
+}
+
+}  // namespace
+
+int truncateSerial(double date, double* out) {
+  if (!(date <= kMaxSerial && date >= kMinSerial)) return 0;
+  int days, ms;
+  splitSerial(date, &days, &ms);
+  *out = joinSerial(days, ms);
+  return 1;
+}
+
+int truncateSerialWithYear(double date, double* out, unsigned short* year) {
+  if (!(date <= kMaxSerial && date >= kMinSerial)) return 0;
+  int days, ms, dayOfYear;
+  bool leapYear;
+  splitSerial(date, &days, &ms);
+  *year = static_cast<unsigned short>(splitDayNumber(days + kSerialEpochDay, &dayOfYear, &leapYear));
+  *out = joinSerial(days, ms);
+  return 1;
+}
+
+int decodeSerial(double date, _SYSTEMTIME* out) {
+  // Written so that NaN fails the test: it compares false with everything.
+  if (!(date <= kMaxSerial && date >= kMinSerial)) return 0;
+  int days, ms;
+  splitSerial(date, &days, &ms);
+  const int n = days + kSerialEpochDay;
+
+  int e;
+  bool leapYear;
+  const int year = splitDayNumber(n, &e, &leapYear);
 
   int month, day;
-  if (groupHasLeap && q1 == 0 && e == 59) {
+  if (leapYear && e == 59) {
     month = 2;
     day = 29;
   } else {
-    if (groupHasLeap && q1 == 0 && e > 59) e -= 1;
+    if (leapYear && e > 59) e -= 1;
     const int dd = e + 1;
     month = (dd >> 5) + 1;  // a month number is never below dd / 32
     while (dd > kDaysBeforeMonth[month]) ++month;

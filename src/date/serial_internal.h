@@ -17,6 +17,13 @@ constexpr double kMaxSerial = 2958465.0;
 int decodeSerial(double date, _SYSTEMTIME* out);
 int encodeSerial(const _SYSTEMTIME* t, double* out);
 
+// The serial that decoding date and encoding the record gives, without the
+// calendar: the day stays the same and the time of day is truncated to the
+// millisecond. Bit-identical to the two steps; 0 where decoding refuses.
+int truncateSerial(double date, double* out);
+// truncateSerial that also gives the decoded year.
+int truncateSerialWithYear(double date, double* out, unsigned short* year);
+
 }  // namespace detail
 }  // namespace date
 }  // namespace zelkit3

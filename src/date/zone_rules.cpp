@@ -10,7 +10,6 @@ namespace zelkit3 {
 namespace date {
 
 using detail::dayNumber;
-using detail::dayOfWeek;
 using detail::kSerialEpochDay;
 
 namespace {
@@ -21,6 +20,10 @@ constexpr double kHalfSecond = 5.787037037037037e-06;
 double dayToSerial(int year, int month, int day) {
   return static_cast<double>(dayNumber(year, month, day) - kSerialEpochDay);
 }
+
+// Weekday of a day number (0000-01-01 is 0, a Saturday): the same as
+// dayOfWeek of the date for every year from 0 on, with one calendar pass.
+inline int weekdayOfDayNumber(int n) { return (n + 6) % 7; }
 
 // Shift of a conversion: b / 1440.0 + Bias / 1440.0, kept in this order so
 // that every caller rounds alike.
@@ -44,13 +47,15 @@ double TransitionToOleTime(const _SYSTEMTIME* rule, unsigned short year) {
       nextMonth = 1;
       nextYear += 1;
     }
-    const int f = dayNumber(nextYear, nextMonth, 1) - kSerialEpochDay;
-    const int w = dayOfWeek(nextYear, nextMonth, 1);
+    const int n = dayNumber(nextYear, nextMonth, 1);
+    const int f = n - kSerialEpochDay;
+    const int w = weekdayOfDayNumber(n);
     const int day = r < w ? f - (w - r) : f + (r - w) - 7;
     return static_cast<double>(day) + hours;
   }
-  const int f = dayNumber(year, rule->wMonth, 1) - kSerialEpochDay;
-  const int w = dayOfWeek(year, rule->wMonth, 1);
+  const int n = dayNumber(year, rule->wMonth, 1);
+  const int f = n - kSerialEpochDay;
+  const int w = weekdayOfDayNumber(n);
   int day = f + (r - w);
   if (r < w) day += 7;
   if (rule->wDay != 0) day += 7 * (rule->wDay - 1);
@@ -62,8 +67,14 @@ bool IsDaylightTime(const _TIME_ZONE_INFORMATION* tz, bool isUTC, double date) {
   _SYSTEMTIME st;
   // No decodable year, no rules: the conversion itself is refused then too.
   if (!detail::decodeSerial(date, &st)) return false;
-  const double begin = TransitionToOleTime(&tz->DaylightDate, st.wYear);
-  const double end = TransitionToOleTime(&tz->StandardDate, st.wYear);
+  return detail::isDaylightInYear(tz, isUTC, date, st.wYear);
+}
+
+bool detail::isDaylightInYear(const _TIME_ZONE_INFORMATION* tz, bool isUTC, double date,
+                              unsigned short year) {
+  if (tz->DaylightBias == 0 && tz->StandardBias == 0) return false;
+  const double begin = TransitionToOleTime(&tz->DaylightDate, year);
+  const double end = TransitionToOleTime(&tz->StandardDate, year);
   double t = date, u = date;
   if (isUTC) {
     // Summed in double: a caller's biases can't overflow the addition, and
@@ -73,6 +84,12 @@ bool IsDaylightTime(const _TIME_ZONE_INFORMATION* tz, bool isUTC, double date) {
   }
   const bool inside = begin > end ? (t >= begin || u < end) : (t >= begin && u < end);
   return (inside || fabs(t - begin) < kHalfSecond) && fabs(u - end) >= kHalfSecond;
+}
+
+int detail::convertSerial(const _TIME_ZONE_INFORMATION* tz, double d, unsigned short year,
+                          bool toUTC, double* out) {
+  const double shift = shiftOf(tz, detail::isDaylightInYear(tz, !toUTC, d, year));
+  return detail::truncateSerial(toUTC ? d + shift : d - shift, out);
 }
 
 namespace {

@@ -18,6 +18,21 @@ double TransitionToOleTime(const _SYSTEMTIME* rule, unsigned short year);
 // and for a rule that names no date.
 bool IsDaylightTime(const _TIME_ZONE_INFORMATION* tz, bool isUTC, double date);
 
+namespace detail {
+
+// IsDaylightTime for a date whose decoded year the caller already has.
+bool isDaylightInYear(const _TIME_ZONE_INFORMATION* tz, bool isUTC, double date,
+                      unsigned short year);
+
+// One leg of a zone conversion on a serial: what converting the decoded
+// record with tz and encoding the result gives, bit for bit. d is a serial
+// already truncated to the millisecond (truncateSerialWithYear) and year its
+// decoded year. Returns 0 (out untouched) where the record conversion fails.
+int convertSerial(const _TIME_ZONE_INFORMATION* tz, double d, unsigned short year, bool toUTC,
+                  double* out);
+
+}  // namespace detail
+
 }  // namespace date
 }  // namespace zelkit3
 

@@ -128,6 +128,31 @@ TEST(ZoneRules, TransitionDates) {
   }
 }
 
+TEST(ZoneRules, WeekdayRulesLandOnTheirWeekdayInEveryYear) {
+  for (int year = 100; year <= 9998; year += 7) {
+    for (int month = 1; month <= 12; ++month) {
+      for (int weekday = 0; weekday < 7; weekday += 3) {
+        for (int week : {1, 3, 5}) {
+          const _SYSTEMTIME r = relativeRule(month, weekday, week, 0);
+          _SYSTEMTIME t;
+          ASSERT_EQ(1, OleTimeToWindowsTime(TransitionToOleTime(&r, static_cast<unsigned short>(year)), &t));
+          ASSERT_EQ(weekday, t.wDayOfWeek) << year << "-" << month;
+          ASSERT_EQ(month, t.wMonth) << year << "-" << month << " week " << week;
+          if (week == 5) {
+            const _SYSTEMTIME first = makeTime(year, month, 1);
+            const _SYSTEMTIME next = makeTime(year, month + 1, 1);
+            const int length = month == 12 ? 31 : static_cast<int>(TransitionToOleTime(&next, 0) -
+                                                                   TransitionToOleTime(&first, 0));
+            ASSERT_GT(t.wDay + 7, length) << year << "-" << month;
+          } else {
+            ASSERT_EQ((week - 1) * 7 + 1, (t.wDay - 1) / 7 * 7 + 1) << year << "-" << month;
+          }
+        }
+      }
+    }
+  }
+}
+
 TEST(ZoneRules, AbsoluteRulesDoNotRecur) {
   // A record with 2037's dates: a later year lies after both changes.
   _TIME_ZONE_INFORMATION tz =
