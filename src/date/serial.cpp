@@ -23,8 +23,8 @@ inline void splitSerial(double date, int* days, int* ms) {
   *days = static_cast<int>(x);  // truncates toward 0
   const double magnitude = fabs(x);
   *ms = static_cast<int>((magnitude - floor(magnitude)) * 86400000.0);
-  // A fraction within one ulp of 1 can round to a whole day; keep it on the
-  // last millisecond of its own day rather than reporting hour 24.
+  // The largest fraction below 1 still rounds below a whole day here; the
+  // guard keeps hour 24 impossible should the arithmetic ever change.
   if (*ms > 86399999) *ms = 86399999;
 }
 
