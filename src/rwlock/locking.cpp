@@ -53,6 +53,26 @@ Step waitStep(int semId, sembuf* ops, size_t count, const timespec& deadline) {
   }
 }
 
+// The two stages of taking the write lock: the writer gate, then `slotOp` on
+// the reader slots within the same deadline. A failed or timed-out second
+// stage gives the gate back. True when both stages are done.
+bool takeGateThenSlots(int semId, int slotOp, unsigned long timeout, void (*fail)(int)) {
+  const int flags = getSemFlags(isUnlimited(timeout));
+  const timespec deadline = getTimeout(timeout);
+  sembuf gate = semOp(kWriterGate, -1, flags);
+  Step step = waitStep(semId, &gate, 1, deadline);
+  if (step == Step::kFailed) fail(errno);
+  if (step == Step::kTimedOut) return false;
+  sembuf slots = semOp(kReaderSlots, slotOp, flags);
+  step = waitStep(semId, &slots, 1, deadline);
+  if (step == Step::kDone) return true;
+  const int error = errno;
+  sembuf giveBack = semOp(kWriterGate, +1, flags);
+  semop(semId, &giveBack, 1);
+  if (step == Step::kFailed) fail(error);
+  return false;
+}
+
 }  // namespace
 
 bool UnixSharedRWLock::lockRead(unsigned long timeout) {
@@ -74,20 +94,7 @@ void UnixSharedRWLock::freeRead() {
 }
 
 bool UnixSharedRWLock::lockWrite(unsigned long timeout) {
-  const int flags = getSemFlags(isUnlimited(timeout));
-  const timespec deadline = getTimeout(timeout);
-  sembuf gate = semOp(kWriterGate, -1, flags);
-  Step step = waitStep(mSemId, &gate, 1, deadline);
-  if (step == Step::kFailed) throwException(errno);
-  if (step == Step::kTimedOut) return false;
-  sembuf slots = semOp(kReaderSlots, gLockWriteOp, flags);
-  step = waitStep(mSemId, &slots, 1, deadline);
-  if (step == Step::kDone) return true;
-  const int error = errno;
-  sembuf giveBack = semOp(kWriterGate, +1, flags);
-  semop(mSemId, &giveBack, 1);
-  if (step == Step::kFailed) throwException(error);
-  return false;
+  return takeGateThenSlots(mSemId, gLockWriteOp, timeout, &throwException);
 }
 
 void UnixSharedRWLock::freeWrite() {
@@ -111,21 +118,8 @@ bool UnixSharedRWLock::upgradeToLockRead(unsigned long timeout) {
 bool UnixSharedRWLock::upgradeToLockWrite(unsigned long timeout) {
   const int slotsNow = semctl(mSemId, kReaderSlots, GETVAL);
   if (slotsNow == -1 || slotsNow >= static_cast<int>(gReadersCount)) return false;
-  const int flags = getSemFlags(isUnlimited(timeout));
-  const timespec deadline = getTimeout(timeout);
-  sembuf gate = semOp(kWriterGate, -1, flags);
-  Step step = waitStep(mSemId, &gate, 1, deadline);
-  if (step == Step::kFailed) throwException(errno);
-  if (step == Step::kTimedOut) return false;
   // Needs every slot but the caller's own.
-  sembuf slots = semOp(kReaderSlots, gUpgradeToWriteOp, flags);
-  step = waitStep(mSemId, &slots, 1, deadline);
-  if (step == Step::kDone) return true;
-  const int error = errno;
-  sembuf giveBack = semOp(kWriterGate, +1, flags);
-  semop(mSemId, &giveBack, 1);
-  if (step == Step::kFailed) throwException(error);
-  return false;
+  return takeGateThenSlots(mSemId, gUpgradeToWriteOp, timeout, &throwException);
 }
 
 }  // namespace zelkit3
