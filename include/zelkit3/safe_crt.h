@@ -27,7 +27,8 @@ ZK3_API int fopen_s(FILE** file, const char* path, const char* mode);
 // *file = freopen(path, mode, stream). Checks no argument: file must not be
 // null; a null path asks freopen to change the mode of stream's own file.
 // Failure: the errno that freopen left (errno unchanged), *file null; stream
-// is closed by freopen then. Success: 0.
+// is closed by freopen then (with glibc, an fclose of it still frees the
+// FILE). Success: 0.
 ZK3_API int freopen_s(FILE** file, const char* path, const char* mode, FILE* stream);
 
 // *descriptor = open(path, flags, permissions); extra (a sharing mode) is not
