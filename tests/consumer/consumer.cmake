@@ -1,0 +1,7 @@
+# A caller builds against the installed tree, by CMake package and pkg-config.
+if(NOT ZK3_SANITIZE)  # an instrumented library needs an instrumented caller
+add_test(NAME consumer.installed_tree
+  COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/run.sh ${CMAKE_BINARY_DIR} ${PROJECT_SOURCE_DIR}
+          ${ZK3_ARCH} ${CMAKE_CXX_COMPILER})
+set_tests_properties(consumer.installed_tree PROPERTIES LABELS "abi;slow" TIMEOUT 300)
+endif()

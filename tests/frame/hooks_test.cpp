@@ -1,0 +1,145 @@
+// The load and unload hooks, seen from a program that opens and closes the
+// library at run time (this executable does not link it).
+#include <dlfcn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdlib>
+
+#include "zelkit3/win_emul.h"
+
+// Present under LeakSanitizer only.
+extern "C" void __lsan_ignore_object(const void*) __attribute__((weak));
+
+namespace {
+
+// The library's entry points, looked up by their mangled names: these are
+// also the names separately compiled callers link against.
+struct Library {
+  void* handle = nullptr;
+  void (*atLoad)() = nullptr;
+  void (*atUnload)() = nullptr;
+  void* (*createEvent)(_SECURITY_ATTRIBUTES*, int, int, const wchar_t*) = nullptr;
+  void* (*openEvent)(unsigned long, int, const wchar_t*) = nullptr;
+  int (*setEvent)(void*) = nullptr;
+  int (*closeHandle)(void*) = nullptr;
+  unsigned long (*wait)(void*, unsigned long) = nullptr;
+  const std::uint32_t* factoryUsers = nullptr;
+
+  Library() {
+    handle = dlopen(ZK3_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
+    if (handle == nullptr) return;
+    load(atLoad, "_Z13ZelKit3AtLoadv");
+    load(atUnload, "_Z15ZelKit3AtUnloadv");
+    load(createEvent, "_ZN7zelkit38win_emul12CreateEventWEP20_SECURITY_ATTRIBUTESiiPKw");
+    load(openEvent, "_ZN7zelkit38win_emul10OpenEventWEmiPKw");
+    load(setEvent, "_ZN7zelkit38win_emul8SetEventEPv");
+    load(closeHandle, "_ZN7zelkit38win_emul11CloseHandleEPv");
+    load(wait, "_ZN7zelkit38win_emul19WaitForSingleObjectEPvm");
+    // The count's low 32 bits, whatever the width of its type.
+    factoryUsers = static_cast<const std::uint32_t*>(dlsym(handle, "_ZN26HistoricalTZHelpersFactory7s_dwRefE"));
+  }
+  ~Library() {
+    if (handle != nullptr) dlclose(handle);
+  }
+  template <class F>
+  void load(F& f, const char* name) {
+    f = reinterpret_cast<F>(dlsym(handle, name));
+  }
+  bool complete() const {
+    return handle && atLoad && atUnload && createEvent && openEvent && setEvent && closeHandle &&
+           wait && factoryUsers;
+  }
+  // An auto-reset event can be made, set, waited for and closed.
+  bool eventsWork() const {
+    void* e = createEvent(nullptr, 0, 0, nullptr);
+    const bool ok = wait(e, 0) == WAIT_TIMEOUT && setEvent(e) == 1 && wait(e, 0) == WAIT_OBJECT_0 &&
+                    wait(e, 0) == WAIT_TIMEOUT;
+    return closeHandle(e) == 1 && ok;
+  }
+};
+
+bool isLoaded() {
+  void* h = dlopen(ZK3_LIBRARY_PATH, RTLD_NOW | RTLD_NOLOAD);
+  if (h != nullptr) dlclose(h);
+  return h != nullptr;
+}
+
+TEST(Hooks, LoadingBringsTheLibraryUpAndClosingTakesItAway) {
+  ASSERT_FALSE(isLoaded());
+  for (int round = 0; round < 2; ++round) {
+    {
+      Library lib;
+      ASSERT_TRUE(lib.complete()) << dlerror();
+      EXPECT_EQ(*lib.factoryUsers, 1u);
+      EXPECT_TRUE(lib.eventsWork());
+    }
+    EXPECT_FALSE(isLoaded()) << "the library stays unloadable";
+  }
+}
+
+TEST(Hooks, CallingTheHooksByNameCountsOnlyTheFactory) {
+  Library lib;
+  ASSERT_TRUE(lib.complete()) << dlerror();
+  lib.atLoad();
+  EXPECT_EQ(*lib.factoryUsers, 2u) << "a second load keeps the lock and table";
+  EXPECT_TRUE(lib.eventsWork());
+
+  lib.atUnload();
+  EXPECT_EQ(*lib.factoryUsers, 1u) << "one unload takes down events but one factory user only";
+  lib.atLoad();
+  EXPECT_EQ(*lib.factoryUsers, 2u);
+  EXPECT_TRUE(lib.eventsWork()) << "a load after an unload brings the events back";
+
+  lib.atUnload();
+  lib.atUnload();  // finds no table and no lock, writes nothing
+  EXPECT_EQ(*lib.factoryUsers, 0u);
+  lib.atLoad();
+  EXPECT_EQ(*lib.factoryUsers, 1u);
+  EXPECT_TRUE(lib.eventsWork());
+}
+
+TEST(Hooks, EventsOfTheTimeBeforeAnUnloadStayUsableButAreForgotten) {
+  Library lib;
+  ASSERT_TRUE(lib.complete()) << dlerror();
+  void* old = lib.createEvent(nullptr, 1, 0, L"before");
+  lib.atUnload();
+  lib.atLoad();
+  EXPECT_EQ(lib.openEvent(0, 0, L"before"), nullptr);
+  EXPECT_EQ(lib.setEvent(old), 1);
+  EXPECT_EQ(lib.wait(old, 0), WAIT_OBJECT_0);
+  EXPECT_EQ(lib.closeHandle(old), 1);
+}
+
+// Exits in a child with the library still open, so that the runtime runs the
+// library's static destructors before its unload hook.
+int exitStatusOf(void (*child)(Library&)) {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    alarm(30);
+    Library lib;
+    if (!lib.complete()) _exit(90);
+    child(lib);
+    lib.handle = nullptr;  // stays open
+    std::exit(0);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+TEST(Hooks, ProcessExitsCleanlyWithTheLibraryStillLoaded) {
+  EXPECT_EQ(exitStatusOf([](Library&) {}), 0);
+  EXPECT_EQ(exitStatusOf([](Library& lib) {
+              // Nothing closes an event left open at exit; that is no leak of ours.
+              void* e = lib.createEvent(nullptr, 0, 1, L"left open");
+              if (__lsan_ignore_object) __lsan_ignore_object(e);
+            }),
+            0);
+  EXPECT_EQ(exitStatusOf([](Library& lib) { lib.atUnload(); }), 0);
+}
+
+}  // namespace
