@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <string>
 
+#include "ratio_reporter.h"
 #include "zelkit3/filesystem.h"
 
 namespace {
@@ -48,35 +49,40 @@ std::string makeTree(const std::string& root, int folders) {
   return tree;
 }
 
-void BM_DeleteDirectory(benchmark::State& state) {
+using Deleter = void (*)(const std::string& tree);
+
+void deleteOurs(const std::string& tree) {
+  int error = 0;
+  if (!zelkit3::FileSystemUtils::deleteDirectory(tree.c_str(), &error)) std::abort();
+}
+
+void deleteRemoveAll(const std::string& tree) {
+  if (std::filesystem::remove_all(tree) == 0) std::abort();
+}
+
+// One tree of 10,000 files in `folders` folders per iteration, made untimed.
+void DeleteTree(benchmark::State& state, Deleter remove, int folders) {
   const std::string root = makeRoot();
   for (auto _ : state) {
     state.PauseTiming();
-    const std::string tree = makeTree(root, static_cast<int>(state.range(0)));
+    const std::string tree = makeTree(root, folders);
     state.ResumeTiming();
-    int error = 0;
-    if (!zelkit3::FileSystemUtils::deleteDirectory(tree.c_str(), &error)) std::abort();
+    remove(tree);
   }
   rmdir(root.c_str());
   state.SetItemsProcessed(state.iterations() * kFiles);
 }
 
-void BM_RemoveAll(benchmark::State& state) {
-  const std::string root = makeRoot();
-  for (auto _ : state) {
-    state.PauseTiming();
-    const std::string tree = makeTree(root, static_cast<int>(state.range(0)));
-    state.ResumeTiming();
-    benchmark::DoNotOptimize(std::filesystem::remove_all(tree));
-  }
-  rmdir(root.c_str());
-  state.SetItemsProcessed(state.iterations() * kFiles);
-}
+void DeleteFlat(benchmark::State& state, Deleter remove) { DeleteTree(state, remove, 1); }
+void DeleteNested(benchmark::State& state, Deleter remove) { DeleteTree(state, remove, 100); }
 
-// Alternated, so that both meet the same state of the file system's caches.
-BENCHMARK(BM_DeleteDirectory)->Arg(1)->Arg(100)->Iterations(5)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_RemoveAll)->Arg(1)->Arg(100)->Iterations(5)->Unit(benchmark::kMillisecond);
+// Ours and the peer alternate, so that both meet the same state of the file
+// system's caches and of the disk.
+BENCHMARK_CAPTURE(DeleteFlat, ours, &deleteOurs)->Iterations(5)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(DeleteFlat, remove_all, &deleteRemoveAll)->Iterations(5)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(DeleteNested, ours, &deleteOurs)->Iterations(5)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(DeleteNested, remove_all, &deleteRemoveAll)->Iterations(5)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 
-BENCHMARK_MAIN();
+ZK3_BENCHMARK_MAIN();

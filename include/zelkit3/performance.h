@@ -115,8 +115,8 @@ class ZK3_API PerformanceLogger {
 
   PerformanceLogger() : mFileName("performance.log") {}
   ~PerformanceLogger() {}
-  PerformanceLogger(const PerformanceLogger&);
-  PerformanceLogger& operator=(const PerformanceLogger&);
+  PerformanceLogger(const PerformanceLogger&) = delete;
+  PerformanceLogger& operator=(const PerformanceLogger&) = delete;
 
   // Holds mMutex for a scope, exceptions included.
   class Lock {
@@ -125,8 +125,8 @@ class ZK3_API PerformanceLogger {
     ~Lock() { mLocked.unlock(); }
 
    private:
-    Lock(const Lock&);
-    Lock& operator=(const Lock&);
+    Lock(const Lock&) = delete;
+    Lock& operator=(const Lock&) = delete;
     Mutex& mLocked;
   };
 };
@@ -154,8 +154,8 @@ class ScopedMeasurement {
   }
 
  private:
-  ScopedMeasurement(const ScopedMeasurement&);
-  ScopedMeasurement& operator=(const ScopedMeasurement&);
+  ScopedMeasurement(const ScopedMeasurement&) = delete;
+  ScopedMeasurement& operator=(const ScopedMeasurement&) = delete;
 
   std::string mCommandId;
   std::chrono::steady_clock::time_point mStart;

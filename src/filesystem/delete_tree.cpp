@@ -15,6 +15,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <string>
 
 #include "zelkit3/filesystem.h"
@@ -66,17 +67,17 @@ bool emptyDirectory(int dirFd, std::string& folder, int* errorCode) {
     const char* name = entry.d_name;
     if (isDotEntry(name)) continue;
 
-    folder.resize(base);
-    folder += name;
     // Fast path: an entry that the directory itself reports as a non-directory
     // is unlinked without reading its status first. Any doubt (a type that is
-    // unknown, a failed unlink, a path too long or a folder that does not end
-    // in '/') takes the full path below, so the outcome is the same as with
-    // the status read first; it saves one lstat per file.
+    // unknown, a failed unlink, a full path too long for lstat or a folder
+    // that does not end in '/') takes the full path below, so the outcome is
+    // the same as with the status read first; it saves one lstat per file.
     if (entry.d_type != DT_DIR && entry.d_type != DT_UNKNOWN && folder[base - 1] == '/' &&
-        folder.size() < PATH_MAX && unlinkat(dirfd(dir), name, 0) == 0) {
+        base + std::strlen(name) < PATH_MAX && unlinkat(dirfd(dir), name, 0) == 0) {
       continue;
     }
+    folder.resize(base);
+    folder += name;
     const FileStatus status = getFileStatus(folder.c_str(), errorCode);
     if (status == FILE_STATUS_FILE) {
       if (unlinkat(dirfd(dir), name, 0) != 0) {
