@@ -167,8 +167,10 @@ void* CThreadTimerManagerImpl::threadTimer(void*) {
   void* handles[2];
   unsigned long wait;
   {
-    // setTimer is still inside its section when this thread starts.
+    // setTimer is still inside its section when this thread starts; by the
+    // time the lock comes, a killTimer may already have taken the thread out.
     MutexGuard guard(m.mMutex);
+    if (!isThread(m.mThread, self)) return nullptr;
     handles[0] = m.mStopEvent;
     handles[1] = m.mChangedEvent;
     wait = waitTime(m.mInterval);
