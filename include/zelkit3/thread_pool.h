@@ -143,6 +143,7 @@ class ZK3_API WorkerThread : public AThread, private boost::noncopyable {
 
  private:
   friend struct detail::ThreadPoolTestAccess;
+  friend class ThreadPoolImpl;
 
   IRunnable* mTask;
   Mutex mTaskMutex;
@@ -192,6 +193,13 @@ class ZK3_API ThreadPoolImpl : public TThreadSafeAddRefImpl<IThreadPoolImpl> {
 
  protected:
   virtual ~ThreadPoolImpl();
+
+ private:
+  // Wakes a free worker with a thread after a task was queued, so that the
+  // task does not wait for a worker's idle time-out.
+  void wakeFreeWorker();
+
+ public:
 
  private:
   friend struct detail::ThreadPoolTestAccess;

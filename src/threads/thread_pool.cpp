@@ -44,7 +44,11 @@ ThreadPoolImpl::~ThreadPoolImpl() { mTaskSource.reset(); }
 bool ThreadPoolImpl::start(IRunnable* task) {
   if (task == nullptr || mJoined.load()) return false;
   // A new task never overtakes waiting ones.
-  if (!mTaskSource->empty()) return mTaskSource->pushTask(task);
+  if (!mTaskSource->empty()) {
+    if (!mTaskSource->pushTask(task)) return false;
+    wakeFreeWorker();
+    return true;
+  }
   {
     MutexGuard guard(mMutex);
     for (WorkerMap::iterator it = mWorkers.begin(); it != mWorkers.end(); ++it) {
@@ -62,7 +66,20 @@ bool ThreadPoolImpl::start(IRunnable* task) {
   }
   // Without any thread nothing would ever take the task out of the queue.
   if (!mAnyThreadStarted.load()) return false;
-  return mTaskSource->pushTask(task);
+  if (!mTaskSource->pushTask(task)) return false;
+  wakeFreeWorker();
+  return true;
+}
+
+void ThreadPoolImpl::wakeFreeWorker() {
+  MutexGuard guard(mMutex);
+  for (std::set<WorkerThread*>::iterator it = mStartedWorkers.begin();
+       it != mStartedWorkers.end(); ++it) {
+    if (!(*it)->mBusy.load()) {
+      win_emul::SetEvent((*it)->mWakeEvent);
+      return;
+    }
+  }
 }
 
 void ThreadPoolImpl::join() {

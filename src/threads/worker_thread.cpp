@@ -119,24 +119,36 @@ bool WorkerThread::setNewTask(IRunnable* task) {
 }
 
 void WorkerThread::touchTaskSource() {
-  bool expected = false;
-  if (!mBusy.compare_exchange_strong(expected, true)) return;
   boost::shared_ptr<IThreadPoolTaskSource> source = mTaskSource.lock();
-  IRunnable* task = source ? source->nextTask() : nullptr;
-  if (task == nullptr) {
+  if (!source) return;
+  ThreadPoolTaskSource* queue = dynamic_cast<ThreadPoolTaskSource*>(source.get());
+  for (;;) {
+    bool expected = false;
+    if (!mBusy.compare_exchange_strong(expected, true)) return;
+    IRunnable* task = source->nextTask();
+    if (task != nullptr) {
+      {
+        MutexGuard guard(mTaskMutex);
+        mTask = task;  // The queue's reference becomes mTask's.
+      }
+      SetEvent(mWakeEvent);
+      return;
+    }
     mBusy.store(false);
-    return;
+    // A task pushed after the look above, by a caller that still saw this
+    // worker busy, would otherwise wait for the idle time-out: look again.
+    // Either this look sees it, or the pusher sees the worker free and
+    // wakes it.
+    if (queue == nullptr || queue->empty()) return;
   }
-  {
-    MutexGuard guard(mTaskMutex);
-    mTask = task;  // The queue's reference becomes mTask's.
-  }
-  SetEvent(mWakeEvent);
 }
 
 int WorkerThread::start(IRunnable* task) {
   if (mStopping.load()) return WorkerRefused;
-  if (!isRunning()) {
+  // Only a worker whose thread is not yet claimed can win the claim; testing
+  // the flag first spares the pool's hot path a lock and a system call per
+  // worker (isRunning) without changing any result.
+  if (!mThreadClaimed.load()) {
     bool expected = false;
     if (mThreadClaimed.compare_exchange_strong(expected, true)) {
       setNewTask(task);
@@ -149,6 +161,8 @@ int WorkerThread::start(IRunnable* task) {
       return WorkerRefused;
     }
   }
+  // A busy worker refuses anyway (setNewTask would fail): say so at once.
+  if (mBusy.load()) return WorkerRefused;
   if (WaitForSingleObject(mStartedEvent, 0) != WAIT_OBJECT_0) return WorkerRefused;
   // A set stopped event without a stop request is the Failed state: no
   // thread exists to run a task, so none is accepted.
