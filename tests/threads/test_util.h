@@ -8,6 +8,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <thread>
 
 #include "support/sync.h"
 #include "zelkit3/thread_pool.h"
@@ -59,6 +60,28 @@ inline int threadCount() {
     closedir(dir);
   }
   return count;
+}
+
+// The thread count once threads that were ended just now have gone. A first
+// thread is made and joined, so that helpers of the runtime that come with
+// the first thread (a sanitizer's, for one) are already counted.
+inline int settledThreadCount() {
+  std::thread([] {}).join();
+  int last = threadCount();
+  for (int i = 0; i < 200; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    const int now = threadCount();
+    if (now == last && i > 4) break;
+    last = now;
+  }
+  return last;
+}
+
+// Waits until no more than `count` threads are left: after an asynchronous
+// end, the last worker frees the pool on its own thread, and the process must
+// not exit before it has done so.
+inline bool threadsDownTo(int count, std::chrono::milliseconds bound = scaled(20000)) {
+  return eventually([count] { return threadCount() <= count; }, bound);
 }
 
 // A task with a reference count that counts its runs and releases. It

@@ -136,6 +136,7 @@ TEST_F(FailingCreation, PoolWithOneThreadQueuesWhatOthersCannotTake) {
 }
 
 TEST_F(FailingCreation, AsynchronousEndWithFailedWorkers) {
+  const int before = zk3test::settledThreadCount();
   TaskCounters counters;
   allow(1);
   ThreadPool* pool = ThreadPool::create(3, false);
@@ -146,6 +147,7 @@ TEST_F(FailingCreation, AsynchronousEndWithFailedWorkers) {
   }
   pool->release();
   ASSERT_TRUE(eventually([&] { return counters.destroyed.load() == 5; }));
+  EXPECT_TRUE(zk3test::threadsDownTo(before));
 }
 
 }  // namespace

@@ -99,6 +99,7 @@ class StressTask : public zelkit3::IRunnable {
 
 TEST(ThreadPoolStressTest, ManyPoolsBothEnds) {
   Watchdog watchdog(scaled(600000));
+  const int before = zk3test::settledThreadCount();
   const unsigned seed = 20261123u;
   std::mt19937 random(seed);
   int joined = 0, async = 0;
@@ -130,6 +131,8 @@ TEST(ThreadPoolStressTest, ManyPoolsBothEnds) {
   }
   EXPECT_GT(joined, 0);
   EXPECT_GT(async, 0);
+  // The last asynchronous end finishes on its own thread.
+  EXPECT_TRUE(zk3test::threadsDownTo(before));
 }
 
 }  // namespace

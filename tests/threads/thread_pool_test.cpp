@@ -34,7 +34,9 @@ using zk3test::CountingTask;
 using zk3test::eventually;
 using zk3test::Flag;
 using zk3test::TaskCounters;
+using zk3test::settledThreadCount;
 using zk3test::threadCount;
+using zk3test::threadsDownTo;
 
 // Starts a task made here and gives up the creator's reference at once.
 template <class Task, class... Args>
@@ -43,19 +45,6 @@ bool startNew(ThreadPool& pool, Args&&... args) {
   const bool accepted = pool.start(task);
   task->release();
   return accepted;
-}
-
-// Settles the thread count left over by earlier tests: detached threads that
-// have been joined may still be on their way out.
-int settledThreadCount() {
-  int last = threadCount();
-  for (int i = 0; i < 200; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    const int now = threadCount();
-    if (now == last && i > 4) break;
-    last = now;
-  }
-  return last;
 }
 
 struct SizeCase {
@@ -268,10 +257,11 @@ TEST(ThreadPoolTest, AsynchronousEndWhileTasksRun) {
   // worker has freed the workers, the queue and the pool.
   ASSERT_TRUE(eventually([&] { return counters.destroyed.load() == 100; }));
   EXPECT_EQ(4, counters.runs.load());
-  EXPECT_TRUE(eventually([&] { return threadCount() <= before; }));
+  EXPECT_TRUE(threadsDownTo(before));
 }
 
 TEST(ThreadPoolTest, AsynchronousEndFromInsideATask) {
+  const int before = settledThreadCount();
   TaskCounters counters;
   class Ending : public CountingTask {
    public:
@@ -286,11 +276,13 @@ TEST(ThreadPoolTest, AsynchronousEndFromInsideATask) {
   ThreadPool* pool = ThreadPool::create(3, false);
   ASSERT_TRUE(startNew<Ending>(*pool, counters, pool));
   ASSERT_TRUE(eventually([&] { return counters.destroyed.load() == 1; }));
+  EXPECT_TRUE(threadsDownTo(before));
 }
 
 TEST(ThreadPoolTest, AsynchronousEndRightAfterTheFirstTask) {
   // The last worker's unregister and the ending thread's snapshot overlap in
   // some of these rounds; either side may free the workers.
+  const int before = settledThreadCount();
   TaskCounters counters;
   for (int i = 0; i < 300; ++i) {
     ThreadPool* pool = ThreadPool::create(1 + i % 3, false);
@@ -298,6 +290,7 @@ TEST(ThreadPoolTest, AsynchronousEndRightAfterTheFirstTask) {
     pool->release();
   }
   ASSERT_TRUE(eventually([&] { return counters.destroyed.load() == 300; }));
+  EXPECT_TRUE(threadsDownTo(before));
 }
 
 // Its last release blocks in a cancellation point before it finishes.
@@ -319,6 +312,7 @@ class SlowReleaseTask final : public zelkit3::IRunnable {
 };
 
 TEST(ThreadPoolTest, LastWorkerDoesNotCancelTheQueuedTasksRelease) {
+  const int before = settledThreadCount();
   TaskCounters counters;
   Flag go;
   std::atomic<int> entered{0};
@@ -337,6 +331,7 @@ TEST(ThreadPoolTest, LastWorkerDoesNotCancelTheQueuedTasksRelease) {
   go.set();
   // The queue is freed on the last worker's thread, after it has freed itself.
   EXPECT_TRUE(eventually([&] { return finished.load() == 5; }));
+  EXPECT_TRUE(threadsDownTo(before));
 }
 
 TEST(ThreadPoolTest, ConcurrentStartsFromManyThreads) {

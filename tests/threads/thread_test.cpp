@@ -198,7 +198,7 @@ TEST(AThreadTest, ManyJoinersAreReleasedAndTheObjectCanGoAtOnce) {
   auto* t = new GatedThread();
   ASSERT_TRUE(t->start());
   std::vector<std::thread> joiners;
-  std::vector<pid_t> tids(6);
+  std::atomic<pid_t> tids[6] = {};
   std::atomic<int> results{0};
   for (int i = 0; i < 6; ++i) {
     joiners.emplace_back([&, i] {
@@ -207,11 +207,11 @@ TEST(AThreadTest, ManyJoinersAreReleasedAndTheObjectCanGoAtOnce) {
     });
   }
   ASSERT_TRUE(zk3test::eventually([&] {
-    for (pid_t tid : tids)
-      if (tid == 0) return false;
+    for (auto& tid : tids)
+      if (tid.load() == 0) return false;
     return true;
   }));
-  for (pid_t tid : tids) ASSERT_TRUE(zk3test::waitUntilBlocked(tid));
+  for (auto& tid : tids) ASSERT_TRUE(zk3test::waitUntilBlocked(tid.load()));
   t->gate.set();
   EXPECT_TRUE(t->join(INFINITE));
   delete t;  // while the other joiners may still be waking up
@@ -220,24 +220,27 @@ TEST(AThreadTest, ManyJoinersAreReleasedAndTheObjectCanGoAtOnce) {
 }
 
 TEST(AThreadTest, KeepAliveThreadOutlivesItsObjectAndEndsWithMinusTwo) {
-  Flag go, done;
+  Flag entered, go, done;
   class Detached : public AThread {
    public:
-    Detached(Flag& g, Flag& d) : mGo(g), mDone(d) {}
+    Detached(Flag& e, Flag& g, Flag& d) : mEntered(e), mGo(g), mDone(d) {}
     int run() override {
       Flag& go = mGo;  // copies: the object is gone after the gate
       Flag& done = mDone;
+      mEntered.set();
       go.waitFor(scaled(30000));
       done.set();
       return -2;
     }
+    Flag& mEntered;
     Flag& mGo;
     Flag& mDone;
   };
-  auto* t = new Detached(go, done);
+  auto* t = new Detached(entered, go, done);
   t->setKeepAlive(true);
   EXPECT_TRUE(t->isKeepAlive());
   ASSERT_TRUE(t->start());
+  ASSERT_TRUE(entered.waitFor());  // the object must outlive the call of run
   delete t;  // the thread goes on without its object
   go.set();
   EXPECT_TRUE(done.waitFor());
