@@ -197,7 +197,7 @@ class ZK3_API ThreadPoolImpl : public TThreadSafeAddRefImpl<IThreadPoolImpl> {
  private:
   // Wakes a free worker with a thread after a task was queued, so that the
   // task does not wait for a worker's idle time-out.
-  void wakeFreeWorker();
+  __attribute__((visibility("hidden"))) void wakeFreeWorker();
 
  public:
 

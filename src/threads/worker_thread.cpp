@@ -1,6 +1,7 @@
 #include <cxxabi.h>
 
 #include "threads/mutex_guard.h"
+#include "threads/worker_census.h"
 #include "threads/worker_internal.h"
 #include "zelkit3/thread_pool.h"
 #include "zelkit3/win_emul.h"
@@ -64,6 +65,7 @@ WorkerThread::~WorkerThread() {
 }
 
 int WorkerThread::run() {
+  detail::workerThreadBegins();
   SetEvent(mStartedEvent);
   for (;;) {
     WaitForSingleObject(mWakeEvent, kIdleWaitMs);
@@ -74,6 +76,7 @@ int WorkerThread::run() {
         task->run();
       } catch (abi::__forced_unwind&) {
         task->release();
+        detail::workerThreadEnds();
         throw;  // Cancellation must unwind all the way.
       } catch (...) {
         // Contained: the task counts as done, and the worker stays in
@@ -86,7 +89,9 @@ int WorkerThread::run() {
   }
   SetEvent(mStoppedEvent);
   IThreadPoolImpl* pool = mPool;
-  return pool->unregister(this) ? 0 : -2;
+  const bool alive = pool->unregister(this);
+  detail::workerThreadEnds();  // No event function runs on this thread after this.
+  return alive ? 0 : -2;
 }
 
 IRunnable* WorkerThread::nextTask() {
