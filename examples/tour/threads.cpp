@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <mutex>
+#include <thread>
 
 #include "tour.h"
 #include "zelkit3/thread_pool.h"
@@ -15,11 +16,13 @@ namespace {
 // A task that sums a range; it counts its own references, as every task must.
 class SumTask final : public zelkit3::IRunnable {
  public:
-  SumTask(int from, int to, std::atomic<long long>& total) : mFrom(from), mTo(to), mTotal(total) {}
+  SumTask(int from, int to, std::atomic<long long>& total, std::atomic<int>& done)
+      : mFrom(from), mTo(to), mTotal(total), mDone(done) {}
   void run() override {
     long long sum = 0;
     for (int i = mFrom; i < mTo; ++i) sum += i;
     mTotal.fetch_add(sum);
+    mDone.fetch_add(1);
   }
   void addRef() override { mRefs.fetch_add(1); }
   void release() override {
@@ -30,6 +33,7 @@ class SumTask final : public zelkit3::IRunnable {
   ~SumTask() {}
   int mFrom, mTo;
   std::atomic<long long>& mTotal;
+  std::atomic<int>& mDone;
   std::atomic<int> mRefs{1};
 };
 
@@ -53,14 +57,20 @@ class Ticker : public zelkit3::IThreadTimerManagerCallback {
 };
 
 int threads() {
-  // 100 tasks of 1000 numbers each on four workers; join waits for them.
+  // 100 tasks of 1000 numbers each on four workers. join runs no task that
+  // has not begun, so the tour waits for all of them first.
   std::atomic<long long> total{0};
+  std::atomic<int> done{0};
   zelkit3::ThreadPool* pool = zelkit3::ThreadPool::create(4, true);
   int accepted = 0;
   for (int i = 0; i < 100; ++i) {
-    SumTask* task = new SumTask(i * 1000, (i + 1) * 1000, total);
+    SumTask* task = new SumTask(i * 1000, (i + 1) * 1000, total, done);
     if (pool->start(task)) ++accepted;
     task->release();  // the pool holds its own reference
+  }
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (done.load() < accepted && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   pool->join();
   pool->release();

@@ -10,7 +10,10 @@
 // destructor with joinOnDestroy) stops every worker and waits for running
 // tasks; the asynchronous end (destructor without joinOnDestroy) returns at
 // once and the last worker thread frees the workers and the pool. Either way
-// tasks still queued are not run: each gets exactly one release().
+// tasks that have not begun to run (queued, or handed to a worker that had
+// not yet picked them up) are not run: each gets exactly one release(). A
+// process may exit right after an asynchronous end: the exit waits up to 5 s
+// for worker threads that are still ending.
 //
 // Thread-safety: ThreadPool::start may be called from any thread, a task of
 // the same pool included. join must not be called from a task of the same
@@ -155,6 +158,8 @@ class ZK3_API WorkerThread : public AThread, private boost::noncopyable {
   void* mWakeEvent;
   void* mStoppedEvent;
   void* mStartedEvent;
+  // The thread could not be created: the worker refuses every task.
+  std::atomic<bool> mThreadFailed;
 };
 
 // Supplies an atomic reference count (starting at 1) for T.
@@ -228,7 +233,7 @@ class ZK3_API ThreadPool {
   // accepted (the pool then holds its own reference); false for null, after
   // join, or if no worker thread can be created at all.
   bool start(IRunnable* task);
-  // Runs no queued task any more, waits for running ones and for every
+  // Runs no task that has not begun, waits for running ones and for every
   // worker thread to end. A second call returns at once.
   void join();
 

@@ -35,7 +35,8 @@ WorkerThread::WorkerThread(boost::shared_ptr<IThreadPoolTaskSource> taskSource,
       mBusy(false),
       mWakeEvent(CreateEventW(nullptr, 0, 0, nullptr)),
       mStoppedEvent(CreateEventW(nullptr, 1, 0, nullptr)),
-      mStartedEvent(CreateEventW(nullptr, 1, 0, nullptr)) {
+      mStartedEvent(CreateEventW(nullptr, 1, 0, nullptr)),
+      mThreadFailed(false) {
   mPool->addRef();
 }
 
@@ -161,6 +162,7 @@ int WorkerThread::start(IRunnable* task) {
       // No thread, and none will come: from here the worker is in state
       // Failed, with both events set.
       becomeFree();
+      mThreadFailed.store(true);
       SetEvent(mStartedEvent);
       SetEvent(mStoppedEvent);
       return WorkerRefused;
@@ -169,9 +171,10 @@ int WorkerThread::start(IRunnable* task) {
   // A busy worker refuses anyway (setNewTask would fail): say so at once.
   if (mBusy.load()) return WorkerRefused;
   if (WaitForSingleObject(mStartedEvent, 0) != WAIT_OBJECT_0) return WorkerRefused;
-  // A set stopped event without a stop request is the Failed state: no
-  // thread exists to run a task, so none is accepted.
-  if (WaitForSingleObject(mStoppedEvent, 0) == WAIT_OBJECT_0) return WorkerRefused;
+  // In the Failed state (both events set, no stop request) no thread exists
+  // to run a task, so none is accepted. A flag, not a poll of the stopped
+  // event: a poll of an unset event costs a timed wait.
+  if (mThreadFailed.load()) return WorkerRefused;
   return setNewTask(task) ? WorkerTaskAccepted : WorkerRefused;
 }
 
