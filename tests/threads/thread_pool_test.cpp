@@ -334,6 +334,25 @@ TEST(ThreadPoolTest, LastWorkerDoesNotCancelTheQueuedTasksRelease) {
   EXPECT_TRUE(threadsDownTo(before));
 }
 
+// Sleeps a little in run, so that the pool is still ending when the
+// process exits.
+class NappingTask : public CountingTask {
+ public:
+  using CountingTask::CountingTask;
+
+ protected:
+  void work() override { usleep(1000); }
+};
+
+TEST(ThreadPoolTest, ProcessExitsCleanlyRightAfterAnAsynchronousEnd) {
+  EXPECT_EQ(0, zk3test::exitStatusOfChild([] {
+    TaskCounters counters;
+    ThreadPool* pool = ThreadPool::create(4, false);
+    for (int i = 0; i < 50; ++i) startNew<NappingTask>(*pool, counters);
+    pool->release();  // and exit at once
+  }));
+}
+
 TEST(ThreadPoolTest, ConcurrentStartsFromManyThreads) {
   TaskCounters counters;
   {

@@ -287,6 +287,16 @@ TEST_F(TimerTest, AThrowingCallbackIsContained) {
   CThreadTimerManager::killTimer(b);
 }
 
+TEST_F(TimerTest, ProcessExitsCleanlyAfterACallbackKilledTheLastTimer) {
+  EXPECT_EQ(0, zk3test::exitStatusOfChild([] {
+    Callback self([](unsigned long id) { CThreadTimerManager::killTimer(id); });
+    CThreadTimerManager::setTimer(&self, 1);
+    // Once the pass is over the timer is gone; the thread may still be on
+    // its way out, and the exit joins it.
+    eventually([&] { return self.fired.load() > 0 && !TimerTestAccess::hasThread(); });
+  }));
+}
+
 int failCreate(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) { return EAGAIN; }
 
 TEST_F(TimerTest, FailingThreadCreationSetsNothing) {
