@@ -10,7 +10,7 @@ packages=(
   libbenchmark-dev                    # Google Benchmark (x86_64)
   tzdata                              # zone files under /usr/share/zoneinfo
   libhowardhinnant-date-dev libabsl-dev  # peers of the date benchmarks
-  binutils util-linux                 # nm for the symbol test, ipcs for the lock tests
+  binutils util-linux pkgconf         # nm for the symbol test, ipcs for the lock tests, the consumer test
 )
 if [[ "${ZK3_FUZZ:-0}" == 1 ]]; then
   packages+=(clang libclang-rt-14-dev)

@@ -51,11 +51,13 @@ class CWinEventHandle : public CBaseHandle {
   // Clears an auto-reset event; a manual-reset event is left as it is.
   void consumeSignal();
 
-  bool isSignaled() const { return mSignaled.load(std::memory_order_acquire); }
+  bool isSignaled() const { return mSignaled.load(std::memory_order_seq_cst); }
   const std::wstring& name() const { return mName; }
 
  private:
   friend struct EventTestAccess;  // lets tests hold a lock to force a race
+
+  void signal(bool wakeUnderLock);
 
   pthread_mutex_t mStateMutex;
   pthread_mutex_t mListenersMutex;
@@ -64,6 +66,7 @@ class CWinEventHandle : public CBaseHandle {
   std::atomic<bool> mSignaled;
   std::atomic<std::uint32_t> mSetCount;
   std::atomic<std::int32_t> mRefCount;
+  std::atomic<std::uint32_t> mListenerCount;  // the size of mListeners
   std::wstring mName;
   std::set<CWinEventHandle*> mListeners;
 };

@@ -54,6 +54,7 @@ CWinEventHandle::CWinEventHandle(bool manualReset, bool initialState, const wcha
       mSignaled(initialState),
       mSetCount(0),
       mRefCount(1),
+      mListenerCount(0),
       mName(name ? name : L"") {
   initRecursive(&mStateMutex);
   initRecursive(&mListenersMutex);
@@ -66,19 +67,33 @@ CWinEventHandle::~CWinEventHandle() {
   pthread_mutex_destroy(&mListenersMutex);
 }
 
-void CWinEventHandle::set() {
-  {
-    PthreadGuard state(mStateMutex);
-    mSignaled.store(true, std::memory_order_release);
-    mSetCount.fetch_add(1, std::memory_order_relaxed);
-    pthread_cond_broadcast(&mCondition);
-  }
+void CWinEventHandle::set() { signal(/*wakeUnderLock=*/false); }
+
+void CWinEventHandle::signal(bool wakeUnderLock) {
+  pthread_mutex_lock(&mStateMutex);
+  mSignaled.store(true, std::memory_order_seq_cst);
+  mSetCount.fetch_add(1, std::memory_order_relaxed);
+  // Waking after the unlock spares each woken waiter a second sleep on
+  // mStateMutex, which roughly triples the cost of a hand-over otherwise.
+  // That is safe only while the event cannot be destroyed in between: a
+  // caller of SetEvent holds the event lock that close() needs, and a
+  // listener is set under the listener lock that its removal needs. A pulse
+  // holds neither, so it wakes under the lock.
+  if (wakeUnderLock) pthread_cond_broadcast(&mCondition);
+  pthread_mutex_unlock(&mStateMutex);
+  if (!wakeUnderLock) pthread_cond_broadcast(&mCondition);
+
+  // Registered listeners are counted, so that the common set with nobody
+  // waiting for any skips the listener lock. A registration that races with
+  // a pulse sees mSignaled in its re-scan instead (both sides sequentially
+  // consistent).
+  if (mListenerCount.load(std::memory_order_seq_cst) == 0) return;
   PthreadGuard listeners(mListenersMutex);
   for (CWinEventHandle* listener : mListeners) listener->set();
 }
 
 bool CWinEventHandle::pulse() {
-  set();
+  signal(/*wakeUnderLock=*/true);
   return true;
 }
 
@@ -93,12 +108,12 @@ long CWinEventHandle::release() { return mRefCount.fetch_sub(1, std::memory_orde
 
 void CWinEventHandle::addListener(CWinEventHandle* listener) {
   PthreadGuard listeners(mListenersMutex);
-  mListeners.insert(listener);
+  if (mListeners.insert(listener).second) mListenerCount.fetch_add(1, std::memory_order_seq_cst);
 }
 
 void CWinEventHandle::removeListener(CWinEventHandle* listener) {
   PthreadGuard listeners(mListenersMutex);
-  mListeners.erase(listener);
+  if (mListeners.erase(listener) != 0) mListenerCount.fetch_sub(1, std::memory_order_seq_cst);
 }
 
 void CWinEventHandle::consumeSignal() {

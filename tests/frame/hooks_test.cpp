@@ -11,6 +11,9 @@
 
 #include "zelkit3/win_emul.h"
 
+// Present under LeakSanitizer only.
+extern "C" void __lsan_ignore_object(const void*) __attribute__((weak));
+
 namespace {
 
 // The library's entry points, looked up by their mangled names: these are
@@ -112,7 +115,7 @@ TEST(Hooks, EventsOfTheTimeBeforeAnUnloadStayUsableButAreForgotten) {
 }
 
 // Exits in a child with the library still open, so that the runtime runs the
-// library's static destructors before its unload hook. 
+// library's static destructors before its unload hook.
 int exitStatusOf(void (*child)(Library&)) {
   const pid_t pid = fork();
   if (pid == 0) {
@@ -131,8 +134,9 @@ int exitStatusOf(void (*child)(Library&)) {
 TEST(Hooks, ProcessExitsCleanlyWithTheLibraryStillLoaded) {
   EXPECT_EQ(exitStatusOf([](Library&) {}), 0);
   EXPECT_EQ(exitStatusOf([](Library& lib) {
+              // Nothing closes an event left open at exit; that is no leak of ours.
               void* e = lib.createEvent(nullptr, 0, 1, L"left open");
-              (void)e;
+              if (__lsan_ignore_object) __lsan_ignore_object(e);
             }),
             0);
   EXPECT_EQ(exitStatusOf([](Library& lib) { lib.atUnload(); }), 0);

@@ -9,21 +9,12 @@
 #include <thread>
 #include <vector>
 
+#include "support/counting_new.h"
 #include "support/sync.h"
 #include "win_emul/event_handle.h"
 #include "win_emul/event_state.h"
 #include "zelkit3/lifecycle.h"
 #include "zelkit3/win_emul.h"
-
-// Counts the allocations of this process, the library's included.
-static std::atomic<long> gAllocations{0};
-void* operator new(std::size_t n) {
-  ++gAllocations;
-  if (void* p = std::malloc(n ? n : 1)) return p;
-  throw std::bad_alloc();
-}
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 
 namespace zelkit3 {
 namespace win_emul {
@@ -192,10 +183,10 @@ TEST(WaitForAny, ServesMoreHandlesThanTheInlineArray) {
 TEST(WaitForAny, WaitSatisfiedAtOnceAllocatesNothing) {
   Events ev(64);
   SetEvent(ev[40]);
-  const long before = gAllocations;
+  const long before = zk3test::gAllocations;
   EXPECT_EQ(WaitForMultipleObjects(64, ev.data(), 0, INFINITE), WAIT_OBJECT_0 + 40);
   EXPECT_EQ(WaitForMultipleObjects(64, ev.data(), 0, 0), WAIT_TIMEOUT);
-  EXPECT_EQ(gAllocations - before, 0);
+  EXPECT_EQ(zk3test::gAllocations - before, 0);
 }
 
 TEST(WaitForAll, IsASequenceOfSingleWaits) {
