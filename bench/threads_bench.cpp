@@ -16,6 +16,7 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/thread_pool.hpp>
 
+#include "ratio_reporter.h"
 #include "zelkit3/thread_pool.h"
 #include "zelkit3/timer.h"
 
@@ -240,13 +241,21 @@ void BM_TimerJitter_100msAmongTen(benchmark::State& state) { timerJitter(state, 
 
 }  // namespace
 
-BENCHMARK(BM_Throughput_ZelKit3Pool)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
-BENCHMARK(BM_Throughput_AsioPool)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
-BENCHMARK(BM_Throughput_PlainPool)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
-BENCHMARK(BM_Latency_ZelKit3Pool)->Unit(benchmark::kMicrosecond)->UseRealTime()->Iterations(2000);
-BENCHMARK(BM_Latency_AsioPool)->Unit(benchmark::kMicrosecond)->UseRealTime()->Iterations(2000);
-BENCHMARK(BM_Latency_PlainPool)->Unit(benchmark::kMicrosecond)->UseRealTime()->Iterations(2000);
-BENCHMARK(BM_TimerJitter_100msAlone)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);
-BENCHMARK(BM_TimerJitter_100msAmongTen)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);
+BENCHMARK(BM_Throughput_ZelKit3Pool)->Name("pool_1M_tasks/ours")->Unit(benchmark::kMillisecond)
+    ->UseRealTime()->Iterations(3);
+BENCHMARK(BM_Throughput_AsioPool)->Name("pool_1M_tasks/asio")->Unit(benchmark::kMillisecond)
+    ->UseRealTime()->Iterations(3);
+BENCHMARK(BM_Throughput_PlainPool)->Name("pool_1M_tasks/plain")->Unit(benchmark::kMillisecond)
+    ->UseRealTime()->Iterations(3);
+BENCHMARK(BM_Latency_ZelKit3Pool)->Name("idle_pool_latency/ours")->Unit(benchmark::kMicrosecond)
+    ->UseRealTime()->Iterations(2000);
+BENCHMARK(BM_Latency_AsioPool)->Name("idle_pool_latency/asio")->Unit(benchmark::kMicrosecond)
+    ->UseRealTime()->Iterations(2000);
+BENCHMARK(BM_Latency_PlainPool)->Name("idle_pool_latency/plain")->Unit(benchmark::kMicrosecond)
+    ->UseRealTime()->Iterations(2000);
+BENCHMARK(BM_TimerJitter_100msAlone)->Name("timer_100ms_alone")->Unit(benchmark::kMillisecond)
+    ->UseRealTime()->Iterations(1);
+BENCHMARK(BM_TimerJitter_100msAmongTen)->Name("timer_100ms_among_ten")
+    ->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);
 
-BENCHMARK_MAIN();
+ZK3_BENCHMARK_MAIN();
