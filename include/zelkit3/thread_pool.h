@@ -141,7 +141,7 @@ class ZK3_API WorkerThread : public AThread, private boost::noncopyable {
   IRunnable* nextTask();
   // Drops the assigned task and frees the worker.
   void becomeFree();
-  // If free, takes the oldest queued task.
+  // If free, takes the oldest queued task. The worker's own thread only.
   void touchTaskSource();
 
  private:
@@ -160,6 +160,16 @@ class ZK3_API WorkerThread : public AThread, private boost::noncopyable {
   void* mStartedEvent;
   // The thread could not be created: the worker refuses every task.
   std::atomic<bool> mThreadFailed;
+  // touchTaskSource took a queued task: the next pass need not wait. Only
+  // the worker's own thread touches it.
+  bool mQueuedTaskTaken;
+  // The thread is about to sleep or sleeps in its idle wait.
+  std::atomic<bool> mIdle;
+
+  // Polls briefly for a task or a stop request before the idle wait.
+  __attribute__((visibility("hidden"))) bool spinForTask();
+  // Wakes the thread if it is free and idle; true if it did.
+  __attribute__((visibility("hidden"))) bool wakeIfIdle();
 };
 
 // Supplies an atomic reference count (starting at 1) for T.

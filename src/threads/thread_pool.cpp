@@ -75,10 +75,7 @@ void ThreadPoolImpl::wakeFreeWorker() {
   MutexGuard guard(mMutex);
   for (std::set<WorkerThread*>::iterator it = mStartedWorkers.begin();
        it != mStartedWorkers.end(); ++it) {
-    if (!(*it)->mBusy.load()) {
-      win_emul::SetEvent((*it)->mWakeEvent);
-      return;
-    }
+    if ((*it)->wakeIfIdle()) return;
   }
 }
 

@@ -22,6 +22,10 @@ namespace {
 
 // How long a free worker sleeps before it looks into the queue by itself.
 const unsigned long kIdleWaitMs = 5000;
+// Polls of a free worker for a new task before it sleeps: a few microseconds.
+// Longer spins cost more than they save on a loaded machine (and under a
+// hypervisor, a long run of pause instructions deschedules the virtual CPU).
+const int kSpinPolls = 200;
 
 }  // namespace
 
@@ -36,7 +40,9 @@ WorkerThread::WorkerThread(boost::shared_ptr<IThreadPoolTaskSource> taskSource,
       mWakeEvent(CreateEventW(nullptr, 0, 0, nullptr)),
       mStoppedEvent(CreateEventW(nullptr, 1, 0, nullptr)),
       mStartedEvent(CreateEventW(nullptr, 1, 0, nullptr)),
-      mThreadFailed(false) {
+      mThreadFailed(false),
+      mQueuedTaskTaken(false),
+      mIdle(false) {
   mPool->addRef();
 }
 
@@ -69,7 +75,18 @@ int WorkerThread::run() {
   detail::workerThreadBegins();
   SetEvent(mStartedEvent);
   for (;;) {
-    WaitForSingleObject(mWakeEvent, kIdleWaitMs);
+    // After a task taken from the queue the pass follows at once, as if the
+    // wake event had been set, without the event's round trip.
+    if (!mQueuedTaskTaken) {
+      // Idle first, then one more look into the queue: a caller that queued
+      // a task and still saw this worker awake did not wake it, and this
+      // look finds that task; a later one sees the worker idle and wakes it.
+      mIdle.store(true);
+      touchTaskSource();
+      if (!mQueuedTaskTaken && !spinForTask()) WaitForSingleObject(mWakeEvent, kIdleWaitMs);
+      mIdle.store(false);
+    }
+    mQueuedTaskTaken = false;
     if (mStopping.load()) break;
     IRunnable* task = nextTask();
     if (task != nullptr) {
@@ -125,28 +142,47 @@ bool WorkerThread::setNewTask(IRunnable* task) {
 }
 
 void WorkerThread::touchTaskSource() {
+  bool expected = false;
+  if (!mBusy.compare_exchange_strong(expected, true)) return;
   boost::shared_ptr<IThreadPoolTaskSource> source = mTaskSource.lock();
-  if (!source) return;
-  ThreadPoolTaskSource* queue = dynamic_cast<ThreadPoolTaskSource*>(source.get());
-  for (;;) {
-    bool expected = false;
-    if (!mBusy.compare_exchange_strong(expected, true)) return;
-    IRunnable* task = source->nextTask();
-    if (task != nullptr) {
-      {
-        MutexGuard guard(mTaskMutex);
-        mTask = task;  // The queue's reference becomes mTask's.
-      }
-      SetEvent(mWakeEvent);
-      return;
-    }
+  IRunnable* task = source ? source->nextTask() : nullptr;
+  if (task == nullptr) {
     mBusy.store(false);
-    // A task pushed after the look above, by a caller that still saw this
-    // worker busy, would otherwise wait for the idle time-out: look again.
-    // Either this look sees it, or the pusher sees the worker free and
-    // wakes it.
-    if (queue == nullptr || queue->empty()) return;
+    return;
   }
+  {
+    MutexGuard guard(mTaskMutex);
+    mTask = task;  // The queue's reference becomes mTask's.
+  }
+  mQueuedTaskTaken = true;  // The loop's next pass does not wait.
+}
+
+bool WorkerThread::spinForTask() {
+  // A caller that keeps the pool busy hands the next task over within
+  // microseconds; catching it here, before the sleep, spares that caller
+  // the wake-up of a sleeping thread. Its SetEvent then finds no waiter and
+  // only leaves the event set, which costs one empty pass later.
+  for (int i = 0; i < kSpinPolls; ++i) {
+    if (mBusy.load(std::memory_order_acquire) || mStopping.load(std::memory_order_relaxed)) {
+      return true;
+    }
+#if defined(__i386__) || defined(__x86_64__)
+    __builtin_ia32_pause();
+#endif
+  }
+  return false;
+}
+
+bool WorkerThread::wakeIfIdle() {
+  bool idle = true;
+  // One caller per idle spell wins, so that a burst of queued tasks wakes
+  // one sleeping worker each instead of the same one again and again. mBusy
+  // is not consulted: it is true for a moment inside the worker's own last
+  // look into the queue, and a wake-up lost there would leave the task
+  // waiting for the idle time-out. A needless wake costs one empty pass.
+  if (!mIdle.compare_exchange_strong(idle, false)) return false;
+  SetEvent(mWakeEvent);
+  return true;
 }
 
 int WorkerThread::start(IRunnable* task) {
