@@ -5,6 +5,7 @@
 set -euo pipefail
 lib=$1 dir=$2 arch=$3
 
+mangled=$(nm -D --defined-only "$lib")
 actual=$(nm -DC --defined-only "$lib" | sed -E 's/^[0-9a-fA-F]+ [A-Za-z] //' \
   | grep -vxE '_init|_fini|_edata|_end|__bss_start' | LC_ALL=C sort -u)
 
@@ -32,7 +33,9 @@ if grep -E 'CBaseHandle|CWinEventHandle' <<<"$actual"; then
   echo "internal event classes are exported"; status=1
 fi
 # DWORD arguments are unsigned long on both ABIs ("m" in the mangled name).
-if ! nm -D --defined-only "$lib" | grep -q ' _ZN7zelkit38win_emul19WaitForSingleObjectEPvm$'; then
+# (grep reads a variable, not a pipe from nm: with pipefail, grep -q stopping
+# early would kill nm with SIGPIPE and fail the check at random.)
+if ! grep -q ' _ZN7zelkit38win_emul19WaitForSingleObjectEPvm$' <<<"$mangled"; then
   echo "WaitForSingleObject(void*, unsigned long) has the wrong mangled name"; status=1
 fi
 [[ $status == 0 ]] && echo "exported surface matches ($(wc -l <<<"$actual") symbols)"

@@ -1,0 +1,32 @@
+#!/usr/bin/env python3
+"""Writes the crafted TZif files of corpus/ (run from this directory)."""
+import struct
+
+def tzif(times, types, ttinfos, chars=b"LMT\0", magic=True, counts=None):
+    timecnt, typecnt, charcnt = counts or (len(times), len(ttinfos), len(chars))
+    head = (b"TZif2" + bytes(15) + struct.pack(">III", 0, 0, 0)) if magic \
+        else (bytes(16) + struct.pack(">III", 0, 0, 0))
+    body = struct.pack(">III", timecnt, typecnt, charcnt)
+    body += b"".join(struct.pack(">i", t) for t in times) + bytes(types)
+    body += b"".join(struct.pack(">iBB", off, dst, 0) for off, dst in ttinfos)
+    return head + body + chars
+
+NY = ([1268550000, 1289109600, 1299999600, 1320559200], [1, 0, 1, 0],
+      [(-18000, 0), (-14400, 1)])
+files = {
+    "ny_2010_2011.tzif": tzif(*NY),
+    "ny_no_magic.tzif": tzif(*NY, magic=False),
+    "truncated_by_one.tzif": tzif(*NY)[:-1],
+    "header_only.tzif": tzif(*NY)[:44],
+    "type_index_past_typecnt.tzif": tzif(NY[0], [1, 0, 2, 255], NY[2]),
+    "timecnt_near_2_32.tzif": tzif(*NY, counts=(0xFFFFFFFF, 2, 4)),
+    "sum_wraps_32_bits.tzif": tzif(*NY, counts=(0x33333334, 2, 4)),
+    "charcnt_max.tzif": tzif(*NY, counts=(4, 2, 0xFFFFFFFF)),
+    "extreme_offsets.tzif": tzif([2**31 - 1, -2**31, 0], [0, 1, 0],
+                                 [(-2**31, 0), (2**31 - 1, 1)]),
+    "empty.tzif": b"",
+    "three_bytes.tzif": b"TZi",
+}
+for name, data in files.items():
+    with open("corpus/" + name, "wb") as f:
+        f.write(data)

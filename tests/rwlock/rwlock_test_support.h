@@ -1,0 +1,261 @@
+// Helpers for the multi-process tests of the cross-process lock: a private
+// temporary folder that removes its files and their semaphore sets, child
+// processes bounded by alarm(), pipe signals between processes, and a look
+// at the raw semaphore values.
+#ifndef ZELKIT3_TESTS_RWLOCK_SUPPORT_H
+#define ZELKIT3_TESTS_RWLOCK_SUPPORT_H
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <array>
+#include <functional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace rwtest {
+
+constexpr int kScale = ZK3_TEST_TIME_SCALE;
+constexpr int kN = 10000;  // gReadersCount as the library has it.
+
+// Milliseconds on the clock the lock uses for its deadlines.
+inline long long wallMs() {
+  timeval tv;
+  gettimeofday(&tv, nullptr);
+  return static_cast<long long>(tv.tv_sec) * 1000 + tv.tv_usec / 1000;
+}
+
+inline key_t keyOf(const std::string& path) { return ftok(path.c_str(), 0x43); }
+
+inline int setIdOf(key_t key) { return key == -1 ? -1 : semget(key, 0, 0); }
+
+inline void removeSetOfKey(key_t key) {
+  const int id = setIdOf(key);
+  if (id != -1) semctl(id, 0, IPC_RMID, 0);
+}
+
+// The three semaphore values of the set of `path`; all -1 without a set.
+inline std::array<int, 3> semValues(const std::string& path) {
+  const int id = setIdOf(keyOf(path));
+  std::array<int, 3> v{{-1, -1, -1}};
+  if (id == -1) return v;
+  for (int i = 0; i < 3; ++i) v[i] = semctl(id, i, GETVAL);
+  return v;
+}
+
+inline bool setExists(const std::string& path) { return setIdOf(keyOf(path)) != -1; }
+
+// Polls the semaphore values until `pred` holds or `ms` pass: used to observe
+// that another process reached a blocking wait, which has no other signal.
+inline bool waitForValues(const std::string& path,
+                          const std::function<bool(const std::array<int, 3>&)>& pred,
+                          int ms = 5000 * kScale) {
+  const long long end = wallMs() + ms;
+  for (;;) {
+    if (pred(semValues(path))) return true;
+    if (wallMs() > end) return false;
+    usleep(200);
+  }
+}
+
+// Waits until at least `count` processes block in semop on semaphore `num`
+// of the set of `path` (the kernel's GETNCNT / GETZCNT).
+inline bool waitForWaiters(const std::string& path, int num, int count, int ms = 5000 * kScale) {
+  const long long end = wallMs() + ms;
+  for (;;) {
+    const int id = setIdOf(keyOf(path));
+    if (id != -1 && semctl(id, num, GETNCNT) >= count) return true;
+    if (wallMs() > end) return false;
+    usleep(200);
+  }
+}
+
+inline int openDescriptors() {
+  int count = 0;
+  if (DIR* d = opendir("/proc/self/fd")) {
+    while (dirent* e = readdir(d)) count += e->d_name[0] != '.';
+    closedir(d);
+  }
+  return count;
+}
+
+// A private folder under /tmp. Its destructor removes the semaphore set of
+// every file in it (and of every remembered key), the files and the folder,
+// so a failing test leaves nothing behind either. A watchdog does the same
+// and ends the test process if a test hangs, before ctest would kill it.
+class LockDir {
+ public:
+  static constexpr unsigned kWatchdogSeconds = 25 * kScale;
+
+  LockDir() {
+    char tmpl[] = "/tmp/zk3rwlock.XXXXXX";
+    const char* made = mkdtemp(tmpl);
+    mDir = made ? made : "";
+    current() = this;
+    struct sigaction sa = {};
+    sa.sa_handler = &LockDir::onWatchdog;
+    sigaction(SIGALRM, &sa, nullptr);
+    alarm(kWatchdogSeconds);
+  }
+  ~LockDir() {
+    alarm(0);
+    signal(SIGALRM, SIG_DFL);
+    current() = nullptr;
+    cleanUp();
+  }
+  LockDir(const LockDir&) = delete;
+  LockDir& operator=(const LockDir&) = delete;
+
+  const std::string& dir() const { return mDir; }
+  std::string path(const std::string& name) const { return mDir + "/" + name; }
+  // Keeps a set on the list to remove, e.g. before its file is replaced and
+  // the key of the path changes.
+  void rememberKey(key_t key) { mKeys.insert(key); }
+
+ private:
+  static LockDir*& current() {
+    static LockDir* dir = nullptr;
+    return dir;
+  }
+  // The process is ending anyway: clean up as well as we can, then leave.
+  static void onWatchdog(int) {
+    static const char text[] = "rwlock test: watchdog expired, cleaning up\n";
+    (void)!write(2, text, sizeof text - 1);
+    if (current() != nullptr) current()->cleanUp();
+    _exit(124);
+  }
+  void cleanUp() {
+    for (key_t key : mKeys) removeSetOfKey(key);
+    if (DIR* d = opendir(mDir.c_str())) {
+      while (dirent* e = readdir(d)) {
+        if (e->d_name[0] == '.') continue;
+        const std::string p = mDir + "/" + e->d_name;
+        removeSetOfKey(keyOf(p));
+        chmod(p.c_str(), 0700);
+        struct stat st;
+        if (lstat(p.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+          rmdir(p.c_str());
+        } else {
+          unlink(p.c_str());
+        }
+      }
+      closedir(d);
+    }
+    rmdir(mDir.c_str());
+  }
+
+  std::string mDir;
+  std::set<key_t> mKeys;
+};
+
+// A one-way signal between processes over a pipe; made before fork.
+class Signal {
+ public:
+  Signal() {
+    if (pipe(mFds) != 0) mFds[0] = mFds[1] = -1;
+  }
+  ~Signal() {
+    close(mFds[0]);
+    close(mFds[1]);
+  }
+  Signal(const Signal&) = delete;
+  Signal& operator=(const Signal&) = delete;
+  void post(char value = 1) { (void)!write(mFds[1], &value, 1); }
+  // The next posted value, or -1 when none came within `ms`.
+  int wait(int ms = 5000 * kScale) {
+    pollfd p{mFds[0], POLLIN, 0};
+    if (poll(&p, 1, ms) != 1) return -1;
+    char value = 0;
+    if (read(mFds[0], &value, 1) != 1) return -1;
+    return value;
+  }
+
+ private:
+  int mFds[2];
+};
+
+// A forked child that runs `body` under alarm() and exits with its result
+// (99 when it throws). Destroying an unfinished child kills it.
+class Child {
+ public:
+  explicit Child(const std::function<int()>& body, unsigned alarmSeconds = 20 * kScale) {
+    mPid = fork();
+    if (mPid == 0) {
+      signal(SIGALRM, SIG_DFL);  // the parent's watchdog handler is not ours
+      alarm(alarmSeconds);
+      int rc = 99;
+      try {
+        rc = body();
+      } catch (...) {
+      }
+      _exit(rc);
+    }
+  }
+  ~Child() {
+    if (mPid > 0 && !mDone) {
+      kill(mPid, SIGKILL);
+      waitpid(mPid, nullptr, 0);
+    }
+  }
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+
+  pid_t pid() const { return mPid; }
+  // Exit code, 128 + signal when killed, -1 if still running after `ms`
+  // (then it is killed).
+  int wait(int ms = 10000 * kScale) {
+    if (mDone) return mStatus;
+    const long long end = wallMs() + ms;
+    int status = 0;
+    for (;;) {
+      const pid_t r = waitpid(mPid, &status, WNOHANG);
+      if (r == mPid) break;
+      if (r == -1 || wallMs() > end) {
+        kill(mPid, SIGKILL);
+        waitpid(mPid, nullptr, 0);
+        mDone = true;
+        mStatus = -1;
+        return mStatus;
+      }
+      usleep(500);
+    }
+    mDone = true;
+    mStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return mStatus;
+  }
+  // Exit code as wait() gives it, or -1 while it still runs.
+  int poll() {
+    if (mDone) return mStatus;
+    int status = 0;
+    if (waitpid(mPid, &status, WNOHANG) != mPid) return -1;
+    mDone = true;
+    mStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return mStatus;
+  }
+  // SIGKILL and reap; true when it died by that signal.
+  bool killNow() {
+    kill(mPid, SIGKILL);
+    return wait() == 128 + SIGKILL;
+  }
+
+ private:
+  pid_t mPid = -1;
+  bool mDone = false;
+  int mStatus = -1;
+};
+
+}  // namespace rwtest
+
+#endif  // ZELKIT3_TESTS_RWLOCK_SUPPORT_H
