@@ -1,0 +1,134 @@
+// Many pools, many tasks, both ends, under a watchdog.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+#include <random>
+#include <shared_mutex>
+#include <thread>
+
+#include "test_util.h"
+#include "zelkit3/thread_pool.h"
+
+namespace {
+
+using zelkit3::ThreadPool;
+using zk3test::eventually;
+using zk3test::scaled;
+
+// About 2 s without sanitizers and 20 s under ThreadSanitizer.
+const int kRounds = 200;
+const int kTasksPerRound = 10000;
+
+// Aborts the process if the test has not finished in time, so that a hang
+// becomes a failure with a core instead of a ctest time-out.
+class Watchdog {
+ public:
+  explicit Watchdog(std::chrono::milliseconds bound)
+      : mThread([this, bound] {
+          std::unique_lock<std::mutex> lock(mMutex);
+          if (!mCv.wait_for(lock, bound, [this] { return mDone; })) {
+            std::fprintf(stderr, "watchdog: stress test hangs\n");
+            std::abort();
+          }
+        }) {}
+  ~Watchdog() {
+    {
+      std::lock_guard<std::mutex> lock(mMutex);
+      mDone = true;
+    }
+    mCv.notify_all();
+    mThread.join();
+  }
+
+ private:
+  std::mutex mMutex;
+  std::condition_variable mCv;
+  bool mDone = false;
+  std::thread mThread;
+};
+
+// The public pool of one round, with a guard that keeps tasks from calling
+// it once its end has begun.
+struct Round {
+  ThreadPool* pool = nullptr;
+  std::shared_mutex guard;
+  bool ended = false;
+  std::atomic<int> created{0};
+  std::atomic<int> ran{0};
+  std::atomic<int> destroyed{0};
+};
+
+class StressTask : public zelkit3::IRunnable {
+ public:
+  StressTask(Round& round, int children) : mRound(round), mChildren(children) {
+    mRound.created.fetch_add(1);
+  }
+  void run() override {
+    mRound.ran.fetch_add(1);
+    for (int i = 0; i < mChildren; ++i) {
+      std::shared_lock<std::shared_mutex> lock(mRound.guard);
+      if (mRound.ended) return;
+      auto* child = new StressTask(mRound, 0);
+      mRound.pool->start(child);
+      child->release();
+    }
+  }
+  void addRef() override { mRefs.fetch_add(1); }
+  void release() override {
+    if (mRefs.fetch_sub(1) == 1) {
+      Round& round = mRound;
+      delete this;
+      round.destroyed.fetch_add(1);
+    }
+  }
+
+ private:
+  virtual ~StressTask() {}
+  Round& mRound;
+  const int mChildren;
+  std::atomic<int> mRefs{1};
+};
+
+TEST(ThreadPoolStressTest, ManyPoolsBothEnds) {
+  Watchdog watchdog(scaled(50000));  // inside the ctest time-out of 300 s
+  const int before = zk3test::settledThreadCount();
+  const unsigned seed = 20261123u;
+  std::mt19937 random(seed);
+  int joined = 0, async = 0;
+  for (int r = 0; r < kRounds; ++r) {
+    Round round;
+    const unsigned threads = random() % 9;  // 0 asks for the default of 5
+    const bool byJoin = random() % 2 == 0;
+    round.pool = ThreadPool::create(threads, byJoin);
+    for (int i = 0; i < kTasksPerRound; ++i) {
+      auto* task = new StressTask(round, i % 97 == 0 ? 3 : 0);
+      round.pool->start(task);
+      task->release();
+    }
+    {
+      std::unique_lock<std::shared_mutex> lock(round.guard);
+      round.ended = true;
+    }
+    round.pool->release();  // joins, or ends asynchronously
+    if (byJoin) {
+      ++joined;
+      ASSERT_EQ(round.created.load(), round.destroyed.load()) << "round " << r << ", seed " << seed;
+    } else {
+      ++async;
+      ASSERT_TRUE(eventually([&] { return round.destroyed.load() == round.created.load(); },
+                             scaled(60000)))
+          << "round " << r << ", seed " << seed;
+    }
+    ASSERT_LE(round.ran.load(), round.created.load());
+  }
+  EXPECT_GT(joined, 0);
+  EXPECT_GT(async, 0);
+  // The last asynchronous end finishes on its own thread.
+  EXPECT_TRUE(zk3test::threadsDownTo(before));
+}
+
+}  // namespace
