@@ -131,6 +131,11 @@ bool CWinEventHandle::wait(unsigned long timeoutMs) {
   };
   bool result = true;
   while (!released()) {
+    // A poll needs no timed wait: its deadline would be now.
+    if (timeoutMs == 0) {
+      result = false;
+      break;
+    }
     if (isInfinite(timeoutMs)) {
       pthread_cond_wait(&mCondition, &mStateMutex);
       continue;
