@@ -4,6 +4,7 @@
 
 #include "frame/init_order.h"
 #include "frame/lifecycle_internal.h"
+#include "threads/worker_census.h"
 #include "win_emul/event_state.h"
 #include "zelkit3/lifecycle.h"
 #include "zelkit3/timezone.h"
@@ -34,6 +35,11 @@ __attribute__((constructor(ZK3_INIT_AT_LOAD))) void ZelKit3AtLoad() {
 // the registered destructors. At process exit the runtime may have run those
 // destructors already; AccessGuard then skips the destroyed mAccessMutex.
 __attribute__((destructor)) void ZelKit3AtUnload() {
+  // Workers of a pool that ended asynchronously may still be closing their
+  // events: let them finish (for a bounded time) before the table goes. At
+  // process exit an exit handler has done this already; on dlclose it would
+  // run only after this hook.
+  zelkit3::detail::waitForWorkerThreads(5000);
   HistoricalTZHelpersFactory::release();
   {
     AccessGuard access;
