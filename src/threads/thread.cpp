@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <time.h>
 
+#include "threads/deadline.h"
 #include "threads/mutex_guard.h"
 #include "threads/thread_create.h"
 
@@ -200,14 +201,7 @@ bool AThread::join(unsigned long timeoutMs) {
   if (isInfinite(timeoutMs)) {
     while (!finished->mSignaled) pthread_cond_wait(&finished->mCondVar, &finished->mMutex);
   } else {
-    timespec deadline;
-    clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += static_cast<time_t>(timeoutMs / 1000);
-    deadline.tv_nsec += static_cast<long>(timeoutMs % 1000) * 1000000L;
-    if (deadline.tv_nsec >= 1000000000L) {
-      deadline.tv_sec += 1;
-      deadline.tv_nsec -= 1000000000L;
-    }
+    const timespec deadline = detail::wallClockDeadline(timeoutMs);
     while (!finished->mSignaled) {
       if (pthread_cond_timedwait(&finished->mCondVar, &finished->mMutex, &deadline) == ETIMEDOUT) {
         ended = finished->mSignaled;

@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <time.h>
 
+#include "threads/deadline.h"
 #include "threads/mutex_guard.h"
 
 namespace zelkit3 {
@@ -42,14 +43,7 @@ void workerThreadEnds() {
 }
 
 bool waitForWorkerThreads(unsigned long timeoutMs) {
-  timespec deadline;
-  clock_gettime(CLOCK_REALTIME, &deadline);
-  deadline.tv_sec += static_cast<time_t>(timeoutMs / 1000);
-  deadline.tv_nsec += static_cast<long>(timeoutMs % 1000) * 1000000L;
-  if (deadline.tv_nsec >= 1000000000L) {
-    deadline.tv_sec += 1;
-    deadline.tv_nsec -= 1000000000L;
-  }
+  const timespec deadline = wallClockDeadline(timeoutMs);
   PthreadGuard guard(gCensusMutex);
   while (gAlive > 0) {
     if (pthread_cond_timedwait(&gCensusCond, &gCensusMutex, &deadline) == ETIMEDOUT) break;

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "threads/deadline.h"
 #include "threads/mutex_guard.h"
 #include "win_emul/event_handle.h"
 #include "win_emul/event_state.h"
@@ -26,20 +27,6 @@ void initRecursive(pthread_mutex_t* m) {
   pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);
   pthread_mutex_init(m, &attr);
   pthread_mutexattr_destroy(&attr);
-}
-
-// The wall-clock deadline timeoutMs from now. Computed in 64 bits, so that
-// every finite time-out (up to 0xFFFFFFFE ms, about 49.7 days) is exact
-// rather than wrapping after 2^32 microseconds.
-timespec deadlineAfter(unsigned long timeoutMs) {
-  timespec now;
-  clock_gettime(CLOCK_REALTIME, &now);
-  const std::uint64_t ms = static_cast<std::uint32_t>(timeoutMs);
-  const std::uint64_t ns = static_cast<std::uint64_t>(now.tv_nsec) + (ms % 1000) * 1000000u;
-  timespec deadline;
-  deadline.tv_sec = now.tv_sec + static_cast<time_t>(ms / 1000 + ns / 1000000000u);
-  deadline.tv_nsec = static_cast<long>(ns % 1000000000u);
-  return deadline;
 }
 
 bool isInfinite(unsigned long timeoutMs) {
@@ -141,7 +128,7 @@ bool CWinEventHandle::wait(unsigned long timeoutMs) {
       continue;
     }
     // The deadline is computed anew after each wake-up without a set.
-    const timespec deadline = deadlineAfter(timeoutMs);
+    const timespec deadline = detail::wallClockDeadline(static_cast<std::uint32_t>(timeoutMs));
     if (pthread_cond_timedwait(&mCondition, &mStateMutex, &deadline) == ETIMEDOUT) {
       // A set that came between the expiry and our retaking the mutex is
       // honoured rather than consumed by a wait that reports a time-out.
