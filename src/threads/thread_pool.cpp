@@ -15,6 +15,20 @@ const unsigned int kMaxWorkers = 20;
 
 typedef std::map<WorkerThread*, boost::shared_ptr<WorkerThread> > WorkerMap;
 
+// Copies the workers under the pool's lock and asks each to stop, without
+// waiting. The copy keeps them alive for whatever the caller does next.
+WorkerMap stopAllAsync(Mutex& poolMutex, const WorkerMap& workers) {
+  WorkerMap snapshot;
+  {
+    MutexGuard guard(poolMutex);
+    snapshot = workers;
+  }
+  for (WorkerMap::iterator it = snapshot.begin(); it != snapshot.end(); ++it) {
+    it->second->stopAsync();
+  }
+  return snapshot;
+}
+
 }  // namespace
 
 IThreadPoolImpl::~IThreadPoolImpl() {}
@@ -83,14 +97,7 @@ void ThreadPoolImpl::join() {
   bool expected = false;
   if (!mJoined.compare_exchange_strong(expected, true)) return;
   mTaskSource->deactivate();
-  WorkerMap snapshot;
-  {
-    MutexGuard guard(mMutex);
-    snapshot = mWorkers;
-  }
-  for (WorkerMap::iterator it = snapshot.begin(); it != snapshot.end(); ++it) {
-    it->second->stopAsync();
-  }
+  WorkerMap snapshot = stopAllAsync(mMutex, mWorkers);
   for (WorkerMap::iterator it = snapshot.begin(); it != snapshot.end(); ++it) {
     it->second->stop();
   }
@@ -103,14 +110,7 @@ void ThreadPoolImpl::join() {
 
 void ThreadPoolImpl::finalizeAsync() {
   mTaskSource->deactivate();
-  WorkerMap snapshot;
-  {
-    MutexGuard guard(mMutex);
-    snapshot = mWorkers;
-  }
-  for (WorkerMap::iterator it = snapshot.begin(); it != snapshot.end(); ++it) {
-    it->second->stopAsync();
-  }
+  WorkerMap snapshot = stopAllAsync(mMutex, mWorkers);
   {
     MutexGuard guard(mMutex);
     if (!mAnyThreadStarted.load()) mWorkers.clear();

@@ -13,6 +13,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 #include "support/sync.h"
 #include "zelkit3/thread_pool.h"
@@ -150,6 +151,24 @@ class CountingTask : public zelkit3::IRunnable {
 
  private:
   std::atomic<int> mRefs{1};
+};
+
+// A counting task that also notes its number, in the order tasks run.
+class RecordingTask : public CountingTask {
+ public:
+  RecordingTask(TaskCounters& c, std::vector<int>& order, std::mutex& m, int n)
+      : CountingTask(c), mOrder(order), mMutex(m), mN(n) {}
+
+ protected:
+  void work() override {
+    std::lock_guard<std::mutex> lock(mMutex);
+    mOrder.push_back(mN);
+  }
+
+ private:
+  std::vector<int>& mOrder;
+  std::mutex& mMutex;
+  int mN;
 };
 
 // A counting task that blocks in run until its flag is set.

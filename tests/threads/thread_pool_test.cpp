@@ -26,6 +26,8 @@ struct ThreadPoolTestAccess {
 
 namespace {
 
+using zk3test::RecordingTask;
+
 using zelkit3::IRunnable;
 using zelkit3::ThreadPool;
 using zelkit3::detail::ThreadPoolTestAccess;
@@ -100,23 +102,6 @@ TEST(ThreadPoolTest, AFreeWorkerWithAThreadIsReused) {
   }
   EXPECT_EQ(before + 1, threadCount());
 }
-
-class RecordingTask : public CountingTask {
- public:
-  RecordingTask(TaskCounters& c, std::vector<int>& order, std::mutex& m, int n)
-      : CountingTask(c), mOrder(order), mMutex(m), mN(n) {}
-
- protected:
-  void work() override {
-    std::lock_guard<std::mutex> lock(mMutex);
-    mOrder.push_back(mN);
-  }
-
- private:
-  std::vector<int>& mOrder;
-  std::mutex& mMutex;
-  int mN;
-};
 
 TEST(ThreadPoolTest, QueuedTasksRunInTheOrderTheyCame) {
   TaskCounters counters;

@@ -9,6 +9,8 @@
 
 namespace {
 
+using zk3test::RecordingTask;
+
 using zelkit3::IRunnable;
 using zelkit3::IThreadPoolImpl;
 using zelkit3::IThreadPoolTaskSource;
@@ -36,23 +38,6 @@ class StandInPool : public IThreadPoolImpl {
   int release() override { return --refs; }
   std::atomic<int> refs{0};
   std::atomic<int> unregistered{0};
-};
-
-class RecordingTask : public CountingTask {
- public:
-  RecordingTask(TaskCounters& c, std::vector<int>& order, std::mutex& m, int n)
-      : CountingTask(c), mOrder(order), mMutex(m), mN(n) {}
-
- protected:
-  void work() override {
-    std::lock_guard<std::mutex> lock(mMutex);
-    mOrder.push_back(mN);
-  }
-
- private:
-  std::vector<int>& mOrder;
-  std::mutex& mMutex;
-  int mN;
 };
 
 TEST(TaskSourceTest, FirstInFirstOutAndNullWhenEmpty) {
