@@ -27,6 +27,7 @@
 #define ZELKIT3_THREAD_POOL_H
 
 #include <atomic>
+#include <cstddef>
 #include <list>
 #include <map>
 #include <set>
@@ -106,6 +107,10 @@ class ZK3_API ThreadPoolTaskSource : public IThreadPoolTaskSource, private boost
   std::list<IRunnable*> mTasks;
   mutable Mutex mMutex;
   std::atomic<bool> mDeactivated;
+  // The size of mTasks, written under mMutex and read without it by empty.
+  std::atomic<std::size_t> mQueued;
+  // Nodes of dequeued tasks, kept for reuse; their values mean nothing.
+  std::list<IRunnable*> mSpareNodes;
 };
 
 // One worker of a pool: an AThread whose run takes tasks from its pool. Used
@@ -165,9 +170,12 @@ class ZK3_API WorkerThread : public AThread, private boost::noncopyable {
   bool mQueuedTaskTaken;
   // The thread is about to sleep or sleeps in its idle wait.
   std::atomic<bool> mIdle;
+  // The pool's count of idle workers, or null for a worker outside a pool.
+  std::atomic<int>* mPoolIdleCount;
 
-  // Polls briefly for a task or a stop request before the idle wait.
-  __attribute__((visibility("hidden"))) bool spinForTask();
+  // Marks the start and the end of an idle spell (mIdle and the pool's count).
+  __attribute__((visibility("hidden"))) void enterIdle();
+  __attribute__((visibility("hidden"))) void leaveIdle();
   // Wakes the thread if it is free and idle; true if it did.
   __attribute__((visibility("hidden"))) bool wakeIfIdle();
 };
@@ -214,9 +222,6 @@ class ZK3_API ThreadPoolImpl : public TThreadSafeAddRefImpl<IThreadPoolImpl> {
   // task does not wait for a worker's idle time-out.
   __attribute__((visibility("hidden"))) void wakeFreeWorker();
 
- public:
-
- private:
   friend struct detail::ThreadPoolTestAccess;
 
   std::set<WorkerThread*> mStartedWorkers;
@@ -225,6 +230,8 @@ class ZK3_API ThreadPoolImpl : public TThreadSafeAddRefImpl<IThreadPoolImpl> {
   boost::shared_ptr<ThreadPoolTaskSource> mTaskSource;
   std::atomic<bool> mJoined;
   std::atomic<bool> mAnyThreadStarted;
+  // Workers in their idle spell; while it is 0 a queued task needs no wake-up.
+  std::atomic<int> mIdleWorkers;
 };
 
 // The public face of a pool.

@@ -36,13 +36,17 @@ IThreadPoolImpl::~IThreadPoolImpl() {}
 // ---- ThreadPoolImpl ----------------------------------------------------------
 
 ThreadPoolImpl::ThreadPoolImpl(unsigned int maxThreads)
-    : mTaskSource(new ThreadPoolTaskSource()), mJoined(false), mAnyThreadStarted(false) {
+    : mTaskSource(new ThreadPoolTaskSource()),
+      mJoined(false),
+      mAnyThreadStarted(false),
+      mIdleWorkers(0) {
   unsigned int count = maxThreads;
   if (count == 0) count = kDefaultWorkers;
   if (count > kMaxWorkers) count = kMaxWorkers;
   try {
     for (unsigned int i = 0; i < count; ++i) {
       boost::shared_ptr<WorkerThread> worker(new WorkerThread(mTaskSource, this));
+      worker->mPoolIdleCount = &mIdleWorkers;
       mWorkers[worker.get()] = worker;
     }
   } catch (...) {
@@ -86,6 +90,8 @@ bool ThreadPoolImpl::start(IRunnable* task) {
 }
 
 void ThreadPoolImpl::wakeFreeWorker() {
+  // Every worker is busy or on its way to the queue: no lock, no scan.
+  if (mIdleWorkers.load() == 0) return;
   MutexGuard guard(mMutex);
   for (std::set<WorkerThread*>::iterator it = mStartedWorkers.begin();
        it != mStartedWorkers.end(); ++it) {

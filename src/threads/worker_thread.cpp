@@ -22,10 +22,6 @@ namespace {
 
 // How long a free worker sleeps before it looks into the queue by itself.
 const unsigned long kIdleWaitMs = 5000;
-// Polls of a free worker for a new task before it sleeps: a few microseconds.
-// Longer spins cost more than they save on a loaded machine (and under a
-// hypervisor, a long run of pause instructions deschedules the virtual CPU).
-const int kSpinPolls = 200;
 
 }  // namespace
 
@@ -42,7 +38,8 @@ WorkerThread::WorkerThread(boost::shared_ptr<IThreadPoolTaskSource> taskSource,
       mStartedEvent(CreateEventW(nullptr, 1, 0, nullptr)),
       mThreadFailed(false),
       mQueuedTaskTaken(false),
-      mIdle(false) {
+      mIdle(false),
+      mPoolIdleCount(nullptr) {
   mPool->addRef();
 }
 
@@ -81,10 +78,14 @@ int WorkerThread::run() {
       // Idle first, then one more look into the queue: a caller that queued
       // a task and still saw this worker awake did not wake it, and this
       // look finds that task; a later one sees the worker idle and wakes it.
-      mIdle.store(true);
+      enterIdle();
       touchTaskSource();
-      if (!mQueuedTaskTaken && !spinForTask()) WaitForSingleObject(mWakeEvent, kIdleWaitMs);
-      mIdle.store(false);
+      // No spin before the sleep: a pool usually has more workers than the
+      // machine has cores, and a spinning worker takes the core that the
+      // caller or a busy worker needs (measured: slower hand-overs, not
+      // faster ones, even on an idle pool).
+      if (!mQueuedTaskTaken) WaitForSingleObject(mWakeEvent, kIdleWaitMs);
+      leaveIdle();
     }
     mQueuedTaskTaken = false;
     if (mStopping.load()) break;
@@ -157,20 +158,19 @@ void WorkerThread::touchTaskSource() {
   mQueuedTaskTaken = true;  // The loop's next pass does not wait.
 }
 
-bool WorkerThread::spinForTask() {
-  // A caller that keeps the pool busy hands the next task over within
-  // microseconds; catching it here, before the sleep, spares that caller
-  // the wake-up of a sleeping thread. Its SetEvent then finds no waiter and
-  // only leaves the event set, which costs one empty pass later.
-  for (int i = 0; i < kSpinPolls; ++i) {
-    if (mBusy.load(std::memory_order_acquire) || mStopping.load(std::memory_order_relaxed)) {
-      return true;
-    }
-#if defined(__i386__) || defined(__x86_64__)
-    __builtin_ia32_pause();
-#endif
-  }
-  return false;
+void WorkerThread::enterIdle() {
+  // Both before the worker's next look into the queue: a caller that queued
+  // a task and then reads the count as zero queued it before that look,
+  // which finds it. The count comes first, so that a waker's decrement
+  // (after it has seen mIdle) never runs ahead of the increment.
+  if (mPoolIdleCount != nullptr) mPoolIdleCount->fetch_add(1);
+  mIdle.store(true);
+}
+
+void WorkerThread::leaveIdle() {
+  // Whoever turns mIdle off, this thread or a waking caller, takes the
+  // worker out of the count, so that it is counted once per idle spell.
+  if (mIdle.exchange(false) && mPoolIdleCount != nullptr) mPoolIdleCount->fetch_sub(1);
 }
 
 bool WorkerThread::wakeIfIdle() {
@@ -180,7 +180,9 @@ bool WorkerThread::wakeIfIdle() {
   // is not consulted: it is true for a moment inside the worker's own last
   // look into the queue, and a wake-up lost there would leave the task
   // waiting for the idle time-out. A needless wake costs one empty pass.
+  if (!mIdle.load(std::memory_order_relaxed)) return false;
   if (!mIdle.compare_exchange_strong(idle, false)) return false;
+  if (mPoolIdleCount != nullptr) mPoolIdleCount->fetch_sub(1);
   SetEvent(mWakeEvent);
   return true;
 }

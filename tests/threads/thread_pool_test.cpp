@@ -19,6 +19,16 @@ struct ThreadPoolTestAccess {
   static size_t workers(ThreadPool& pool) {
     return static_cast<ThreadPoolImpl*>(pool.mImpl)->mWorkers.size();
   }
+  static int idleWorkers(ThreadPool& pool) {
+    return static_cast<ThreadPoolImpl*>(pool.mImpl)->mIdleWorkers.load();
+  }
+  static int startedWorkers(ThreadPool& pool) {
+    ThreadPoolImpl* impl = static_cast<ThreadPoolImpl*>(pool.mImpl);
+    impl->mMutex.lock();
+    const int started = static_cast<int>(impl->mStartedWorkers.size());
+    impl->mMutex.unlock();
+    return started;
+  }
 };
 
 }  // namespace detail
@@ -338,11 +348,16 @@ TEST(ThreadPoolTest, ProcessExitsCleanlyRightAfterAnAsynchronousEnd) {
   }));
 }
 
+// Many starters keep the workers going idle and being woken: each idle spell
+// is counted once, whoever ends it, so once the pool is quiet again every
+// started worker is counted as idle, and the count never drops below zero.
 TEST(ThreadPoolTest, ConcurrentStartsFromManyThreads) {
   TaskCounters counters;
   {
     ThreadPool pool(4, true);
-    zk3test::Gate gate(4);
+    zk3test::Gate gate(5);
+    std::atomic<bool> startersDone{false};
+    std::atomic<int> lowestIdleCount{0};
     std::vector<std::thread> starters;
     for (int s = 0; s < 4; ++s) {
       starters.emplace_back([&] {
@@ -350,10 +365,27 @@ TEST(ThreadPoolTest, ConcurrentStartsFromManyThreads) {
         for (int i = 0; i < 500; ++i) EXPECT_TRUE(startNew<CountingTask>(pool, counters));
       });
     }
+    std::thread sampler([&] {
+      gate.arriveAndWait();
+      while (!startersDone.load()) {
+        const int idle = ThreadPoolTestAccess::idleWorkers(pool);
+        if (idle < lowestIdleCount.load()) lowestIdleCount.store(idle);
+      }
+    });
     for (auto& t : starters) t.join();
+    startersDone.store(true);
+    sampler.join();
     ASSERT_TRUE(eventually([&] { return counters.destroyed.load() == 2000; }));
+    EXPECT_EQ(0, lowestIdleCount.load());
+    ASSERT_TRUE(eventually([&] {
+      return ThreadPoolTestAccess::idleWorkers(pool) == ThreadPoolTestAccess::startedWorkers(pool);
+    }));
+    // A task queued behind a busy pool needs no wake-up; one given to an idle
+    // pool still runs.
+    EXPECT_TRUE(startNew<CountingTask>(pool, counters));
+    ASSERT_TRUE(eventually([&] { return counters.destroyed.load() == 2001; }));
   }
-  EXPECT_EQ(2000, counters.runs.load());
+  EXPECT_EQ(2001, counters.runs.load());
 }
 
 }  // namespace

@@ -63,6 +63,36 @@ TEST(TaskSourceTest, FirstInFirstOutAndNullWhenEmpty) {
   EXPECT_EQ(2, counters.destroyed.load());
 }
 
+// Rounds of filling and draining, longer than the queue keeps spare nodes
+// for and interleaved, so that reused and new nodes mix: the order and the
+// emptiness seen without the lock stay right.
+TEST(TaskSourceTest, OrderHoldsAcrossReusedNodes) {
+  TaskCounters counters;
+  std::vector<CountingTask*> tasks;
+  for (int i = 0; i < 600; ++i) tasks.push_back(new CountingTask(counters));
+  ThreadPoolTaskSource queue;
+  size_t next = 0;
+  for (size_t round : {600, 1, 300, 0, 599}) {
+    for (size_t i = 0; i < round; ++i) ASSERT_TRUE(queue.pushTask(tasks[(next + i) % 600]));
+    // Take half, put one more behind, then take the rest.
+    for (size_t i = 0; i < round / 2; ++i) ASSERT_EQ(tasks[(next + i) % 600], queue.nextTask());
+    ASSERT_TRUE(queue.pushTask(tasks[(next + round) % 600]));
+    for (size_t i = round / 2; i <= round; ++i) {
+      ASSERT_FALSE(queue.empty());
+      ASSERT_EQ(tasks[(next + i) % 600], queue.nextTask());
+    }
+    EXPECT_TRUE(queue.empty());
+    EXPECT_EQ(nullptr, queue.nextTask());
+    next = (next + round + 1) % 600;
+  }
+  // Each push took a reference that the caller of nextTask now owns.
+  for (CountingTask* t : tasks) {
+    while (t->refs() > 1) t->release();
+    t->release();
+  }
+  EXPECT_EQ(600, counters.destroyed.load());
+}
+
 TEST(TaskSourceTest, DeactivatedQueueRefusesWithoutAddRef) {
   TaskCounters counters;
   auto* t = new CountingTask(counters);
