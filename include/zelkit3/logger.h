@@ -99,15 +99,11 @@ class ZK3_API ThreadSafeAddRef {
   ThreadSafeAddRef& operator=(const ThreadSafeAddRef&) = delete;
 
   // Raises the count by one atomically; returns the new count.
-  std::uint32_t incrementRef() {
-    return mCount.fetch_add(1, std::memory_order_relaxed) + 1;
-  }
+  std::uint32_t incrementRef() { return mCount.fetch_add(1, std::memory_order_relaxed) + 1; }
   // Lowers the count by one atomically; returns the new count. When it
   // returns 0, every earlier write by other owners is visible to the caller,
   // who may then destroy what was shared.
-  std::uint32_t decrementRef() {
-    return mCount.fetch_sub(1, std::memory_order_acq_rel) - 1;
-  }
+  std::uint32_t decrementRef() { return mCount.fetch_sub(1, std::memory_order_acq_rel) - 1; }
   // The count now; a snapshot only while other threads share the object.
   std::uint32_t getCount() const { return mCount.load(std::memory_order_relaxed); }
 

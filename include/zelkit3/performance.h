@@ -44,8 +44,7 @@ class stream_guard {
   // A record without calls whose report lines go to out (the logger's
   // mStream, for them to reach the file).
   stream_guard(const std::string& commandId, std::ostream* out)
-      : mTotalTime(0), mMinTime(0), mMaxTime(0), mCallCount(0), mCommandId(commandId),
-        mOut(out) {}
+      : mTotalTime(0), mMinTime(0), mMaxTime(0), mCallCount(0), mCommandId(commandId), mOut(out) {}
 
   // Adds one measured time to the total, the count and the extremes.
   void addTime(double elapsed) {

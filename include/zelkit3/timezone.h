@@ -59,8 +59,7 @@ class ZK3_API AHistoricalTimezoneHelper : public IHistoricalTimezoneHelper {
   static bool LoadWindowsHistTZI(std::map<unsigned int, _TIME_ZONE_INFORMATION*>& tzi,
                                  const char* name);
   // Does nothing; returns false.
-  static bool LoadSingleTZI(std::map<unsigned int, _TIME_ZONE_INFORMATION*>& tzi,
-                            const char* name);
+  static bool LoadSingleTZI(std::map<unsigned int, _TIME_ZONE_INFORMATION*>& tzi, const char* name);
   // Writes the rule of a change from its wall-clock moment and the same
   // change a year on (next, may be null): relative (weekday) form when both
   // fall on one weekday, else the absolute date of transition.

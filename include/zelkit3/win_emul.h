@@ -62,8 +62,8 @@ namespace win_emul {
 // Makes a new event. Any non-zero manualReset or initialState counts as true;
 // name may be null (an unnamed event matches the empty name). attributes is
 // not read. Throws std::bad_alloc if memory runs out; never returns null.
-ZK3_API void* CreateEventW(_SECURITY_ATTRIBUTES* attributes, int manualReset,
-                           int initialState, const wchar_t* name);
+ZK3_API void* CreateEventW(_SECURITY_ATTRIBUTES* attributes, int manualReset, int initialState,
+                           const wchar_t* name);
 
 // Returns the event of the lowest address whose name equals name exactly,
 // with one more reference (one more CloseHandle needed), or null. access and
@@ -93,8 +93,8 @@ ZK3_API unsigned long WaitForSingleObject(void* handle, unsigned long timeoutMs)
 // count of handles is served; a wait that can be satisfied at once allocates
 // nothing. A wait for any on no handles with INFINITE returns WAIT_TIMEOUT
 // at once, since nothing could ever end it.
-ZK3_API unsigned long WaitForMultipleObjects(unsigned long count, void* const* handles,
-                                             int waitAll, unsigned long timeoutMs);
+ZK3_API unsigned long WaitForMultipleObjects(unsigned long count, void* const* handles, int waitAll,
+                                             unsigned long timeoutMs);
 
 // Milliseconds of the wall clock since 1970, cut to 32 bits. Spans are the
 // later value minus the earlier in unsigned 32-bit arithmetic; the clock may

@@ -18,9 +18,7 @@ extern const int kMonthLength[12];
 // Day number that counts 0000-01-01 as 0 is 693959 on 1899-12-30 (serial 0).
 constexpr int kSerialEpochDay = 693959;
 
-inline bool isLeapYear(int year) {
-  return year % 4 == 0 && (year % 100 != 0 || year % 400 == 0);
-}
+inline bool isLeapYear(int year) { return year % 4 == 0 && (year % 100 != 0 || year % 400 == 0); }
 
 // Days from 0000-01-01 (day 0) to year-month-day, month 1..12. The day is
 // not limited, so a day past the month's end runs into the next month.
@@ -49,7 +47,7 @@ struct CivilTime {
   int hour;
   int minute;
   int second;
-  int wday;   // 0 is Sunday
+  int wday;  // 0 is Sunday
 };
 CivilTime civilFromUnixSeconds(int64_t seconds);
 

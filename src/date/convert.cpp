@@ -19,7 +19,8 @@ double convertLeg(double date, IHistoricalTimezoneHelper* helper, bool toUTC) {
   double d;
   unsigned short year;  // the year on the clock the date is given in
   if (!detail::truncateSerialWithYear(date, &d, &year)) return date;
-  _TIME_ZONE_INFORMATION* tz = helper->getTimezoneInformationByYear(static_cast<unsigned int>(year));
+  _TIME_ZONE_INFORMATION* tz =
+      helper->getTimezoneInformationByYear(static_cast<unsigned int>(year));
   if (tz == nullptr) return date;
   detail::convertSerial(tz, d, year, toUTC, &date);
   return date;
@@ -27,12 +28,9 @@ double convertLeg(double date, IHistoricalTimezoneHelper* helper, bool toUTC) {
 
 IHistoricalTimezoneHelper* builtInHelper(eTimeZone zone) {
   switch (zone) {
-    case eTimeZoneLocal:
-      return HistoricalTZHelpersFactory::getLocalHelper();
-    case eTimeZoneEST:
-      return HistoricalTZHelpersFactory::getESTHelper();
-    default:
-      return nullptr;  // UTC, or a value outside the enumeration
+    case eTimeZoneLocal: return HistoricalTZHelpersFactory::getLocalHelper();
+    case eTimeZoneEST: return HistoricalTZHelpersFactory::getESTHelper();
+    default: return nullptr;  // UTC, or a value outside the enumeration
   }
 }
 

@@ -86,7 +86,8 @@ int truncateSerialWithYear(double date, double* out, unsigned short* year) {
   int days, ms, dayOfYear;
   bool leapYear;
   splitSerial(date, &days, &ms);
-  *year = static_cast<unsigned short>(splitDayNumber(days + kSerialEpochDay, &dayOfYear, &leapYear));
+  *year =
+      static_cast<unsigned short>(splitDayNumber(days + kSerialEpochDay, &dayOfYear, &leapYear));
   *out = joinSerial(days, ms);
   return 1;
 }
@@ -133,8 +134,8 @@ int encodeSerial(const _SYSTEMTIME* t, double* out) {
   if (t->wMonth == 2 && isLeapYear(year)) length = 29;
   if (t->wDay > length || t->wHour > 23 || t->wMinute > 59 || t->wSecond > 59) return 0;
   const int days = dayNumber(year, t->wMonth, t->wDay) - kSerialEpochDay;
-  const double f = (3600 * t->wHour + 60 * t->wMinute + t->wSecond) / 86400.0 +
-                   t->wMilliseconds / 86400000.0;
+  const double f =
+      (3600 * t->wHour + 60 * t->wMinute + t->wSecond) / 86400.0 + t->wMilliseconds / 86400000.0;
   *out = days >= 0 ? days + f : days - f;
   return 1;
 }

@@ -39,8 +39,10 @@ struct NameIndex {
       const size_t mid = lo + (hi - lo) / 2;
       const int order = strcmp(entries[mid].name, name);
       if (order == 0) return entries[mid].helper;
-      if (order < 0) lo = mid + 1;
-      else hi = mid;
+      if (order < 0)
+        lo = mid + 1;
+      else
+        hi = mid;
     }
     return nullptr;
   }

@@ -83,7 +83,6 @@ _TIME_ZONE_INFORMATION* AHistoricalTimezoneHelper::getTimezoneInformationByYear(
 
 AHistoricalTimezoneHelper::~AHistoricalTimezoneHelper() {}
 
-
 bool AHistoricalTimezoneHelper::LoadUnixHistTZI(TziMap& tzi, const char* name) {
   char path[zelkit3::date::detail::kZonePathSize];
   zelkit3::date::detail::buildZonePath(name, path);

@@ -52,9 +52,9 @@ bool inLastWeek(const tm* t) {
 
 // The layout of the parts of the first data block that are read.
 struct Block {
-  const unsigned char* times;  // timecnt big-endian int32
-  const unsigned char* types;  // timecnt bytes
-  const unsigned char* ttinfo; // typecnt records of 6 bytes
+  const unsigned char* times;   // timecnt big-endian int32
+  const unsigned char* types;   // timecnt bytes
+  const unsigned char* ttinfo;  // typecnt records of 6 bytes
   uint32_t timecnt;
   uint32_t typecnt;
 
@@ -116,9 +116,8 @@ bool parseTzif(const unsigned char* data, size_t size, TziMap& tzi) {
   const uint32_t n = block.timecnt;
   uint32_t i = 0;
   while (i < n) {
-    const bool paired =
-        i + 1 < n && civilFromUnixSeconds(block.time(i)).year ==
-                         civilFromUnixSeconds(block.time(i + 1)).year;
+    const bool paired = i + 1 < n && civilFromUnixSeconds(block.time(i)).year ==
+                                         civilFromUnixSeconds(block.time(i + 1)).year;
     // -1 is absent; the kind of i + 1 is taken to be the opposite of i's.
     const int64_t here = i;
     int64_t s, d;
@@ -131,8 +130,8 @@ bool parseTzif(const unsigned char* data, size_t size, TziMap& tzi) {
     }
     std::unique_ptr<_TIME_ZONE_INFORMATION> rec(new _TIME_ZONE_INFORMATION());
     rec->StandardBias = 0;
-    const int32_t bias = s >= 0 ? -(block.offset(uint32_t(s)) / 60)
-                                : -(block.offset(uint32_t(d)) / 60);
+    const int32_t bias =
+        s >= 0 ? -(block.offset(uint32_t(s)) / 60) : -(block.offset(uint32_t(d)) / 60);
     const int32_t daylightBias = d >= 0 ? -(block.offset(uint32_t(d)) / 60) - bias : 0;
     rec->Bias = bias;
     rec->DaylightBias = daylightBias;

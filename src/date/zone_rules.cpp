@@ -104,13 +104,11 @@ int convert(_TIME_ZONE_INFORMATION* tz, _SYSTEMTIME* in, _SYSTEMTIME* out, bool 
 
 }  // namespace
 
-int TzSpecificLocalTimeToUTCTime(_TIME_ZONE_INFORMATION* tz, _SYSTEMTIME* local,
-                                 _SYSTEMTIME* utc) {
+int TzSpecificLocalTimeToUTCTime(_TIME_ZONE_INFORMATION* tz, _SYSTEMTIME* local, _SYSTEMTIME* utc) {
   return convert(tz, local, utc, true);
 }
 
-int UTCTimeToTzSpecificLocalTime(_TIME_ZONE_INFORMATION* tz, _SYSTEMTIME* utc,
-                                 _SYSTEMTIME* local) {
+int UTCTimeToTzSpecificLocalTime(_TIME_ZONE_INFORMATION* tz, _SYSTEMTIME* utc, _SYSTEMTIME* local) {
   return convert(tz, utc, local, false);
 }
 

@@ -44,9 +44,7 @@ void LoggerHelper::setLogger(ILogger* logger) {
   if (mLogger != nullptr) mLogger->addRef();
 }
 
-ILogger* LoggerHelper::getLogger() {
-  return mLogger != nullptr ? mLogger : IdleLogger::getInst();
-}
+ILogger* LoggerHelper::getLogger() { return mLogger != nullptr ? mLogger : IdleLogger::getInst(); }
 
 ThreadSafeAddRef::ThreadSafeAddRef() : mCount(1) {}
 ThreadSafeAddRef::~ThreadSafeAddRef() {}

@@ -140,13 +140,16 @@ EncodeSet* EncodeSet::concat(const EncodeSet* first, const EncodeSet* second) {
 int EncodeSet::compare(const EncodeSet* other) const {
   const _string& wideA = mForms[ENCODING_WIDE_CHAR];
   const _string& wideB = other->mForms[ENCODING_WIDE_CHAR];
-  if (wideA.mText != nullptr && wideB.mText != nullptr) return compareWideChar(wideA.wide(), wideB.wide());
+  if (wideA.mText != nullptr && wideB.mText != nullptr)
+    return compareWideChar(wideA.wide(), wideB.wide());
   const _string& utf8A = mForms[ENCODING_UTF8];
   const _string& utf8B = other->mForms[ENCODING_UTF8];
-  if (utf8A.mText != nullptr && utf8B.mText != nullptr) return compareUTF8(utf8A.chars(), utf8B.chars());
+  if (utf8A.mText != nullptr && utf8B.mText != nullptr)
+    return compareUTF8(utf8A.chars(), utf8B.chars());
   const _string& asciiA = mForms[ENCODING_ASCII];
   const _string& asciiB = other->mForms[ENCODING_ASCII];
-  if (asciiA.mText != nullptr && asciiB.mText != nullptr) return compareAscii(asciiA.chars(), asciiB.chars());
+  if (asciiA.mText != nullptr && asciiB.mText != nullptr)
+    return compareAscii(asciiA.chars(), asciiB.chars());
   return compareSystem(this, other);
 }
 

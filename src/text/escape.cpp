@@ -20,7 +20,8 @@ namespace {
 struct EscapeCandidates {
   unsigned char maybe[256];
   constexpr EscapeCandidates() : maybe() {
-    for (int b = 0; b < 256; ++b) maybe[b] = (b < 0x20 || b > 0x7E || b == 0x25 || b == 0x26 || b == 0x2B) ? 1 : 0;
+    for (int b = 0; b < 256; ++b)
+      maybe[b] = (b < 0x20 || b > 0x7E || b == 0x25 || b == 0x26 || b == 0x2B) ? 1 : 0;
   }
 };
 constexpr EscapeCandidates kCandidates;
@@ -73,9 +74,11 @@ void AlnumTest::learnCandidates() {
 inline unsigned candidateMask(const unsigned char* text) {
   const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text));
   // A signed compare catches 0x00..0x1F and 0x80..0xFF at once.
-  const __m128i outside = _mm_or_si128(_mm_cmplt_epi8(v, _mm_set1_epi8(0x20)), _mm_cmpeq_epi8(v, _mm_set1_epi8(0x7F)));
-  const __m128i special = _mm_or_si128(_mm_cmpeq_epi8(v, _mm_set1_epi8('%')),
-                                       _mm_or_si128(_mm_cmpeq_epi8(v, _mm_set1_epi8('&')), _mm_cmpeq_epi8(v, _mm_set1_epi8('+'))));
+  const __m128i outside =
+      _mm_or_si128(_mm_cmplt_epi8(v, _mm_set1_epi8(0x20)), _mm_cmpeq_epi8(v, _mm_set1_epi8(0x7F)));
+  const __m128i special = _mm_or_si128(
+      _mm_cmpeq_epi8(v, _mm_set1_epi8('%')),
+      _mm_or_si128(_mm_cmpeq_epi8(v, _mm_set1_epi8('&')), _mm_cmpeq_epi8(v, _mm_set1_epi8('+'))));
   return static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(outside, special)));
 }
 #endif
@@ -88,7 +91,8 @@ std::size_t countEscaped(const unsigned char* text, std::size_t length, const Al
   std::size_t i = 0;
 #ifdef __SSE2__
   if (!isAlnum.anyCandidate()) {
-    for (; i + 16 <= length; i += 16) escaped += static_cast<std::size_t>(__builtin_popcount(candidateMask(text + i)));
+    for (; i + 16 <= length; i += 16)
+      escaped += static_cast<std::size_t>(__builtin_popcount(candidateMask(text + i)));
   }
   for (; i + 16 <= length; i += 16) {
     for (unsigned mask = candidateMask(text + i); mask != 0; mask &= mask - 1)
@@ -116,7 +120,8 @@ const std::size_t kOnePassLimit = 1024;
 // Writes the escaped form of text[0, length) to out, which has room for it;
 // returns the end of what was written. Blocks of 16 plain bytes are gathered
 // into runs copied whole; a block with a candidate goes byte by byte.
-char* writeEscaped(const unsigned char* text, std::size_t length, char* out, const AlnumTest& isAlnum) {
+char* writeEscaped(const unsigned char* text, std::size_t length, char* out,
+                   const AlnumTest& isAlnum) {
   std::size_t run = 0;  // start of the plain bytes not yet copied
   std::size_t i = 0;
 #ifdef __SSE2__

@@ -5,8 +5,8 @@
 
 namespace zelkit3 {
 
-using nmstring::EncodeSet;
 using nmstring::_string;
+using nmstring::EncodeSet;
 
 namespace {
 

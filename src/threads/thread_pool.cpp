@@ -1,7 +1,7 @@
+#include "zelkit3/thread_pool.h"
 #include "threads/mutex_guard.h"
 #include "threads/worker_internal.h"
 #include "zelkit3/assert.h"
-#include "zelkit3/thread_pool.h"
 #include "zelkit3/win_emul.h"
 
 namespace zelkit3 {
@@ -75,10 +75,8 @@ bool ThreadPoolImpl::start(IRunnable* task) {
           mAnyThreadStarted.store(true);
           mStartedWorkers.insert(it->first);
           return true;
-        case WorkerThread::WorkerTaskAccepted:
-          return true;
-        default:
-          break;
+        case WorkerThread::WorkerTaskAccepted: return true;
+        default: break;
       }
     }
   }
@@ -93,8 +91,8 @@ void ThreadPoolImpl::wakeFreeWorker() {
   // Every worker is busy or on its way to the queue: no lock, no scan.
   if (mIdleWorkers.load() == 0) return;
   MutexGuard guard(mMutex);
-  for (std::set<WorkerThread*>::iterator it = mStartedWorkers.begin();
-       it != mStartedWorkers.end(); ++it) {
+  for (std::set<WorkerThread*>::iterator it = mStartedWorkers.begin(); it != mStartedWorkers.end();
+       ++it) {
     if ((*it)->wakeIfIdle()) return;
   }
 }

@@ -65,8 +65,7 @@ CThreadTimerManagerImpl::~CThreadTimerManagerImpl() {
   }
 }
 
-unsigned long CThreadTimerManagerImpl::setTimer(IThreadTimerManagerCallback* callback,
-                                                int period) {
+unsigned long CThreadTimerManagerImpl::setTimer(IThreadTimerManagerCallback* callback, int period) {
   CThreadTimerManagerImpl& m = c_inst;
   MutexGuard guard(m.mMutex);
   std::unique_ptr<_TimerDesc> desc(new _TimerDesc());

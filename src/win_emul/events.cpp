@@ -152,8 +152,7 @@ bool CWinEventHandle::close() {
   return true;
 }
 
-void* CreateEventW(_SECURITY_ATTRIBUTES*, int manualReset, int initialState,
-                   const wchar_t* name) {
+void* CreateEventW(_SECURITY_ATTRIBUTES*, int manualReset, int initialState, const wchar_t* name) {
   CWinEventHandle* event = new CWinEventHandle(manualReset != 0, initialState != 0, name);
   try {
     EventLockGuard eventLock;
