@@ -11,9 +11,10 @@ packages=(
   tzdata                              # zone files under /usr/share/zoneinfo
   libhowardhinnant-date-dev libabsl-dev  # peers of the date benchmarks
   binutils util-linux pkgconf         # nm for the symbol test, ipcs for the lock tests, the consumer test
+  clang                               # checks the lock annotations (-Wthread-safety)
 )
 if [[ "${ZK3_FUZZ:-0}" == 1 ]]; then
-  packages+=(clang libclang-rt-14-dev)
+  packages+=(libclang-rt-14-dev)
 fi
 
 missing=()

@@ -11,6 +11,10 @@
 // mutex twice on one thread.
 //
 // Both classes are safe to use from any thread; neither is copyable.
+//
+// Fields of the library's classes that a Mutex guards are marked
+// ZK3_GUARDED_BY; a caller built with clang -Wthread-safety is warned when it
+// touches one (PerformanceLogger::mRecords, say) without holding the lock.
 #ifndef ZELKIT3_MUTEX_H
 #define ZELKIT3_MUTEX_H
 
@@ -18,9 +22,23 @@
 
 #include "zelkit3/export.h"
 
+// Lock annotations: under clang, -Wthread-safety checks that data marked
+// ZK3_GUARDED_BY(m) is touched only with m held. Other compilers ignore them.
+#if defined(__clang__)
+#define ZK3_THREAD_ANNOTATION(x) __attribute__((x))
+#else
+#define ZK3_THREAD_ANNOTATION(x)
+#endif
+#define ZK3_CAPABILITY(name) ZK3_THREAD_ANNOTATION(capability(name))
+#define ZK3_SCOPED_CAPABILITY ZK3_THREAD_ANNOTATION(scoped_lockable)
+#define ZK3_GUARDED_BY(m) ZK3_THREAD_ANNOTATION(guarded_by(m))
+#define ZK3_ACQUIRE(...) ZK3_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
+#define ZK3_RELEASE(...) ZK3_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
+#define ZK3_NO_THREAD_SAFETY_ANALYSIS ZK3_THREAD_ANNOTATION(no_thread_safety_analysis)
+
 namespace zelkit3 {
 
-class Mutex {
+class ZK3_CAPABILITY("mutex") Mutex {
  public:
   // Initialises a PTHREAD_MUTEX_RECURSIVE mutex.
   ZK3_API Mutex();
@@ -29,9 +47,9 @@ class Mutex {
   Mutex& operator=(const Mutex&) = delete;
 
   // Blocks until the calling thread owns the mutex (again, if it already does).
-  ZK3_API void lock();
+  ZK3_API void lock() ZK3_ACQUIRE();
   // Gives up one level of ownership. Only the owning thread may call it.
-  ZK3_API void unlock();
+  ZK3_API void unlock() ZK3_RELEASE();
 
   pthread_mutex_t mMutex;
 };

@@ -98,12 +98,11 @@ class ZK3_API PerformanceLogger {
 
   // The report's path, "performance.log", relative to the working directory.
   std::string mFileName;
-  // One record per command, owned by the map; guarded by mMutex. Callers may
-  // add entries of their own (new-allocated; a null value prints nothing).
-  std::map<std::string, performance::stream_guard*> mRecords;
-  // The report file; closed except while the unload hook writes it. Guarded
-  // by mMutex.
-  std::ofstream mStream;
+  // One record per command, owned by the map. Callers may add entries of
+  // their own (new-allocated; a null value prints nothing).
+  std::map<std::string, performance::stream_guard*> mRecords ZK3_GUARDED_BY(mMutex);
+  // The report file; closed except while the unload hook writes it.
+  std::ofstream mStream ZK3_GUARDED_BY(mMutex);
   Mutex mMutex;
 
   // The singleton; null before the first getInstance and after unload.
@@ -118,10 +117,10 @@ class ZK3_API PerformanceLogger {
   PerformanceLogger& operator=(const PerformanceLogger&) = delete;
 
   // Holds mMutex for a scope, exceptions included.
-  class Lock {
+  class ZK3_SCOPED_CAPABILITY Lock {
    public:
-    explicit Lock(Mutex& m) : mLocked(m) { mLocked.lock(); }
-    ~Lock() { mLocked.unlock(); }
+    explicit Lock(Mutex& m) ZK3_ACQUIRE(m) : mLocked(m) { mLocked.lock(); }
+    ~Lock() ZK3_RELEASE() { mLocked.unlock(); }
 
    private:
     Lock(const Lock&) = delete;

@@ -116,10 +116,10 @@ class ZK3_API AThread {
 
  protected:
   std::atomic<bool> mStopRequested;
-  ThreadHandle mHandle;
+  ThreadHandle mHandle ZK3_GUARDED_BY(mMutex);
   mutable Mutex mMutex;
   int mDefaultPriority;
-  bool mRunning;
+  bool mRunning ZK3_GUARDED_BY(mMutex);
   PosixCondVar* mFinished;
   std::atomic<bool> mKeepAlive;
   // Threads inside join's wait; guarded by mFinished's mutex. threadCleanup
@@ -128,6 +128,9 @@ class ZK3_API AThread {
   int mJoiners;
 
  private:
+  // mHandle's identifier, read under mMutex.
+  __attribute__((visibility("hidden"))) unsigned long lastThreadId() const;
+
   AThread(const AThread&);
   AThread& operator=(const AThread&);
 };

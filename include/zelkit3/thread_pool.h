@@ -104,13 +104,13 @@ class ZK3_API ThreadPoolTaskSource : public IThreadPoolTaskSource, private boost
   bool empty() const;
 
  private:
-  std::list<IRunnable*> mTasks;
+  std::list<IRunnable*> mTasks ZK3_GUARDED_BY(mMutex);
   mutable Mutex mMutex;
   std::atomic<bool> mDeactivated;
   // The size of mTasks, written under mMutex and read without it by empty.
   std::atomic<std::size_t> mQueued;
   // Nodes of dequeued tasks, kept for reuse; their values mean nothing.
-  std::list<IRunnable*> mSpareNodes;
+  std::list<IRunnable*> mSpareNodes ZK3_GUARDED_BY(mMutex);
 };
 
 // One worker of a pool: an AThread whose run takes tasks from its pool. Used
@@ -153,7 +153,7 @@ class ZK3_API WorkerThread : public AThread, private boost::noncopyable {
   friend struct detail::ThreadPoolTestAccess;
   friend class ThreadPoolImpl;
 
-  IRunnable* mTask;
+  IRunnable* mTask ZK3_GUARDED_BY(mTaskMutex);
   Mutex mTaskMutex;
   boost::weak_ptr<IThreadPoolTaskSource> mTaskSource;
   IThreadPoolImpl* mPool;
@@ -221,11 +221,14 @@ class ZK3_API ThreadPoolImpl : public TThreadSafeAddRefImpl<IThreadPoolImpl> {
   // Wakes a free worker with a thread after a task was queued, so that the
   // task does not wait for a worker's idle time-out.
   __attribute__((visibility("hidden"))) void wakeFreeWorker();
+  // A copy of mWorkers, taken under mMutex.
+  __attribute__((visibility("hidden"))) std::map<WorkerThread*, boost::shared_ptr<WorkerThread> >
+  snapshotWorkers();
 
   friend struct detail::ThreadPoolTestAccess;
 
-  std::set<WorkerThread*> mStartedWorkers;
-  std::map<WorkerThread*, boost::shared_ptr<WorkerThread> > mWorkers;
+  std::set<WorkerThread*> mStartedWorkers ZK3_GUARDED_BY(mMutex);
+  std::map<WorkerThread*, boost::shared_ptr<WorkerThread> > mWorkers ZK3_GUARDED_BY(mMutex);
   Mutex mMutex;
   boost::shared_ptr<ThreadPoolTaskSource> mTaskSource;
   std::atomic<bool> mJoined;

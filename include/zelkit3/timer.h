@@ -86,17 +86,17 @@ class ZK3_API CThreadTimerManagerImpl {
   CThreadTimerManagerImpl& operator=(const CThreadTimerManagerImpl&);
   friend struct detail::TimerTestAccess;
 
-  std::map<unsigned long, _TimerDesc*> mTimers;
-  pthread_t* mThread;
-  void* mStopEvent;
+  std::map<unsigned long, _TimerDesc*> mTimers ZK3_GUARDED_BY(mMutex);
+  pthread_t* mThread ZK3_GUARDED_BY(mMutex);
+  void* mStopEvent ZK3_GUARDED_BY(mMutex);
   Mutex mMutex;
-  void* mChangedEvent;
-  int mInterval;
+  void* mChangedEvent ZK3_GUARDED_BY(mMutex);
+  int mInterval ZK3_GUARDED_BY(mMutex);
   // The last timer was killed from its own callback: the thread ends itself
   // after the present pass unless a new timer comes first.
-  bool mSelfStop;
-  // A thread that ended itself and still has to be joined; guarded by mMutex.
-  pthread_t* mEndedThread;
+  bool mSelfStop ZK3_GUARDED_BY(mMutex);
+  // A thread that ended itself and still has to be joined.
+  pthread_t* mEndedThread ZK3_GUARDED_BY(mMutex);
 };
 
 }  // namespace zelkit3

@@ -71,7 +71,10 @@ void finishPerformanceReport() {
     // Runs inside the unload hook, which must not throw: whatever is left
     // of the report is dropped below with the singleton.
   }
-  freeRecords(logger->mRecords);
+  {
+    MutexGuard guard(logger->mMutex);
+    freeRecords(logger->mRecords);
+  }
   delete PerformanceLogger::mInstance;
   PerformanceLogger::mInstance = nullptr;
 }

@@ -11,10 +11,10 @@ namespace detail {
 
 // Holds a zelkit3::Mutex for its scope, so that every way out of a guarded
 // section, an exception included, releases it.
-class MutexGuard {
+class ZK3_SCOPED_CAPABILITY MutexGuard {
  public:
-  explicit MutexGuard(Mutex& m) : mMutex(m) { mMutex.lock(); }
-  ~MutexGuard() { mMutex.unlock(); }
+  explicit MutexGuard(Mutex& m) ZK3_ACQUIRE(m) : mMutex(m) { mMutex.lock(); }
+  ~MutexGuard() ZK3_RELEASE() { mMutex.unlock(); }
   MutexGuard(const MutexGuard&) = delete;
   MutexGuard& operator=(const MutexGuard&) = delete;
 

@@ -157,7 +157,9 @@ void* AThread::threadRunner(void* argument) {
   return nullptr;
 }
 
-void AThread::threadCleanup(void* object) {
+// Its callers hold the object's mMutex, which the analysis cannot see
+// through the untyped argument.
+ZK3_NO_THREAD_SAFETY_ANALYSIS void AThread::threadCleanup(void* object) {
   AThread* self = static_cast<AThread*>(object);
   if (self == nullptr || !self->mRunning || self->mFinished == nullptr) return;
   PosixCondVar* finished = self->mFinished;
@@ -224,12 +226,19 @@ bool AThread::isKeepAlive() { return mKeepAlive.load(); }
 
 const ThreadHandle* AThread::getHandle() const { return &mHandle; }
 
+unsigned long AThread::lastThreadId() const {
+  // Under the lock: a start on another thread may be writing it.
+  MutexGuard guard(mMutex);
+  return mHandle.mHandle;
+}
+
 AThread::PriorityLevel AThread::getPriority() const {
   // An object that never ran has no thread to ask: identifier 0 is not one.
-  if (mHandle.mHandle == 0) return PriorityUnknown;
+  const unsigned long id = lastThreadId();
+  if (id == 0) return PriorityUnknown;
   int policy = 0;
   sched_param param;
-  if (pthread_getschedparam(toPthread(mHandle.mHandle), &policy, &param) != 0) {
+  if (pthread_getschedparam(toPthread(id), &policy, &param) != 0) {
     return PriorityUnknown;
   }
   const int min = sched_get_priority_min(policy);
@@ -243,10 +252,11 @@ AThread::PriorityLevel AThread::getPriority() const {
 }
 
 bool AThread::setPriority(PriorityLevel level) {
-  if (mHandle.mHandle == 0) return false;
+  const unsigned long id = lastThreadId();
+  if (id == 0) return false;
   int policy = 0;
   sched_param param;
-  if (pthread_getschedparam(toPthread(mHandle.mHandle), &policy, &param) != 0) return false;
+  if (pthread_getschedparam(toPthread(id), &policy, &param) != 0) return false;
   const int min = sched_get_priority_min(policy);
   const int max = sched_get_priority_max(policy);
   switch (level) {
@@ -259,7 +269,7 @@ bool AThread::setPriority(PriorityLevel level) {
       break;
     default: return false;
   }
-  return pthread_setschedparam(toPthread(mHandle.mHandle), policy, &param) == 0;
+  return pthread_setschedparam(toPthread(id), policy, &param) == 0;
 }
 
 }  // namespace zelkit3

@@ -15,18 +15,11 @@ const unsigned int kMaxWorkers = 20;
 
 typedef std::map<WorkerThread*, boost::shared_ptr<WorkerThread> > WorkerMap;
 
-// Copies the workers under the pool's lock and asks each to stop, without
-// waiting. The copy keeps them alive for whatever the caller does next.
-WorkerMap stopAllAsync(Mutex& poolMutex, const WorkerMap& workers) {
-  WorkerMap snapshot;
-  {
-    MutexGuard guard(poolMutex);
-    snapshot = workers;
-  }
-  for (WorkerMap::iterator it = snapshot.begin(); it != snapshot.end(); ++it) {
+// Asks each worker of a snapshot to stop, without waiting.
+void stopAllAsync(const WorkerMap& snapshot) {
+  for (WorkerMap::const_iterator it = snapshot.begin(); it != snapshot.end(); ++it) {
     it->second->stopAsync();
   }
-  return snapshot;
 }
 
 }  // namespace
@@ -97,11 +90,19 @@ void ThreadPoolImpl::wakeFreeWorker() {
   }
 }
 
+WorkerMap ThreadPoolImpl::snapshotWorkers() {
+  // The copy keeps the workers alive for whatever the caller does next,
+  // outside the lock.
+  MutexGuard guard(mMutex);
+  return mWorkers;
+}
+
 void ThreadPoolImpl::join() {
   bool expected = false;
   if (!mJoined.compare_exchange_strong(expected, true)) return;
   mTaskSource->deactivate();
-  WorkerMap snapshot = stopAllAsync(mMutex, mWorkers);
+  WorkerMap snapshot = snapshotWorkers();
+  stopAllAsync(snapshot);
   for (WorkerMap::iterator it = snapshot.begin(); it != snapshot.end(); ++it) {
     it->second->stop();
   }
@@ -114,7 +115,8 @@ void ThreadPoolImpl::join() {
 
 void ThreadPoolImpl::finalizeAsync() {
   mTaskSource->deactivate();
-  WorkerMap snapshot = stopAllAsync(mMutex, mWorkers);
+  WorkerMap snapshot = snapshotWorkers();
+  stopAllAsync(snapshot);
   {
     MutexGuard guard(mMutex);
     if (!mAnyThreadStarted.load()) mWorkers.clear();
@@ -146,11 +148,7 @@ bool ThreadPoolImpl::unregister(WorkerThread* worker) {
     last = mStartedWorkers.empty();
   }
   if (last) {
-    WorkerMap snapshot;
-    {
-      MutexGuard guard(mMutex);
-      snapshot = mWorkers;
-    }
+    WorkerMap snapshot = snapshotWorkers();
     for (WorkerMap::iterator it = snapshot.begin(); it != snapshot.end(); ++it) {
       it->second->AThread::join(INFINITE);
     }
