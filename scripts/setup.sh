@@ -11,7 +11,7 @@ packages=(
   tzdata                              # zone files under /usr/share/zoneinfo
   libhowardhinnant-date-dev libabsl-dev  # peers of the date benchmarks
   binutils util-linux pkgconf         # nm for the symbol test, ipcs for the lock tests, the consumer test
-  clang                               # checks the lock annotations (-Wthread-safety)
+  clang clang-tidy                    # lint tests: lock annotations (-Wthread-safety), clang-tidy
 )
 if [[ "${ZK3_FUZZ:-0}" == 1 ]]; then
   packages+=(libclang-rt-14-dev)

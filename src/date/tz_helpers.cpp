@@ -18,7 +18,9 @@ namespace detail {
 
 void buildZonePath(const char* name, char (&path)[kZonePathSize]) {
   if (name == nullptr) {
-    strcpy(path, "/etc/localtime");
+    static const char kLocalZone[] = "/etc/localtime";
+    static_assert(sizeof kLocalZone <= kZonePathSize, "the local zone's path fits");
+    memcpy(path, kLocalZone, sizeof kLocalZone);
     return;
   }
   static const char kZoneDir[] = "/usr/share/zoneinfo/";

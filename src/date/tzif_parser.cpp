@@ -166,7 +166,7 @@ bool parseTzif(const unsigned char* data, size_t size, TziMap& tzi) {
       it->second = rec.release();
     } else {
       tzi.emplace(key, rec.get());
-      rec.release();
+      rec.release();  // NOLINT(bugprone-unused-return-value): the map owns it now
     }
     i += paired ? 2 : 1;
   }

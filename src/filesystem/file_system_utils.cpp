@@ -48,7 +48,7 @@ bool FileSystemUtils::deleteFile(const char* path, int* errorCode) {
 
 std::string FileSystemUtils::getFileFromFilePath(const char* path) {
   if (path == nullptr) return std::string();
-  const std::string full = getFullPath(path);
+  std::string full = getFullPath(path);
   if (full.empty()) return full;
   return full.substr(full.rfind('/') + 1);
 }

@@ -38,6 +38,7 @@ String::String(const String& other) : mEncodeSet(other.mEncodeSet) { retain(mEnc
 
 String::~String() { releaseSet(mEncodeSet); }
 
+// NOLINTNEXTLINE(bugprone-unhandled-self-assignment): the equal-set test covers it
 String& String::operator=(const String& other) {
   EncodeSet* const incoming = other.mEncodeSet;
   if (incoming == mEncodeSet) return *this;

@@ -105,7 +105,7 @@ unsigned long CThreadTimerManagerImpl::setTimer(IThreadTimerManagerCallback* cal
   desc->lastTick = static_cast<uint32_t>(GetTickCount());
   const unsigned long id = reinterpret_cast<unsigned long>(desc.get());
   m.mTimers[id] = desc.get();
-  desc.release();
+  desc.release();  // NOLINT(bugprone-unused-return-value): the map owns it now
   m.mInterval = detail::nextTimerInterval(m.mInterval, period);
   SetEvent(m.mChangedEvent);
   return id;

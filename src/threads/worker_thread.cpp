@@ -25,6 +25,8 @@ const unsigned long kIdleWaitMs = 5000;
 
 }  // namespace
 
+// The queue comes by value: the exported signature is fixed.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 WorkerThread::WorkerThread(boost::shared_ptr<IThreadPoolTaskSource> taskSource,
                            IThreadPoolImpl* pool)
     : mTask(nullptr),

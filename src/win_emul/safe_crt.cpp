@@ -28,6 +28,7 @@ int convertCase(char* text, unsigned int size, bool upper) {
   const size_t length = strnlen(text, static_cast<size_t>(size) + 1);
   if (length > size) return fail(ERANGE);
   for (size_t i = 0; i < length; ++i) {
+    // NOLINTNEXTLINE(bugprone-signed-char-misuse): signed on purpose, see above
     const int byte = static_cast<signed char>(text[i]);
     text[i] = static_cast<char>(upper ? toupper(byte) : tolower(byte));
   }

@@ -20,19 +20,3 @@ add_library(zk3_headers_cxx11 OBJECT ${ZK3_HEADER_TUS})
 target_link_libraries(zk3_headers_cxx11 PRIVATE zelkit3::zelkit3)
 set_target_properties(zk3_headers_cxx11 PROPERTIES CXX_STANDARD 11 CXX_EXTENSIONS OFF)
 zk3_warnings(zk3_headers_cxx11)
-
-# Lock annotations, checked by clang once (they do not depend on the ABI).
-if(CMAKE_SIZEOF_VOID_P EQUAL 8 AND NOT ZK3_SANITIZE)
-  find_program(ZK3_CLANGXX NAMES clang++ clang++-14)
-  if(ZK3_CLANGXX)
-    add_test(NAME abi.lock_annotations
-      COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/check_lock_annotations.sh
-              ${ZK3_CLANGXX} ${PROJECT_SOURCE_DIR})
-  else()
-    # Reported as skipped, not passed: scripts/setup.sh installs clang.
-    add_test(NAME abi.lock_annotations
-      COMMAND bash -c "echo 'clang++ not found: run scripts/setup.sh'; exit 77")
-    set_tests_properties(abi.lock_annotations PROPERTIES SKIP_RETURN_CODE 77)
-  endif()
-  set_tests_properties(abi.lock_annotations PROPERTIES LABELS "abi" TIMEOUT 600)
-endif()
