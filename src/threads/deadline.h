@@ -21,6 +21,14 @@ inline timespec wallClockDeadline(std::uint64_t timeoutMs) {
   return deadline;
 }
 
+// Whether a deadline of wallClockDeadline has passed.
+inline bool wallClockDeadlinePassed(const timespec& deadline) {
+  timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  return now.tv_sec > deadline.tv_sec ||
+         (now.tv_sec == deadline.tv_sec && now.tv_nsec >= deadline.tv_nsec);
+}
+
 }  // namespace detail
 }  // namespace zelkit3
 

@@ -1,9 +1,13 @@
 #include "threads/worker_census.h"
 
 #include <errno.h>
+#include <execinfo.h>
 #include <pthread.h>
 #include <stdlib.h>
+#include <sys/syscall.h>
+#include <sys/types.h>
 #include <time.h>
+#include <unistd.h>
 
 #include "threads/deadline.h"
 #include "threads/mutex_guard.h"
@@ -19,36 +23,99 @@ pthread_cond_t gCensusCond = PTHREAD_COND_INITIALIZER;
 long gAlive = 0;
 pthread_once_t gHandlerOnce = PTHREAD_ONCE_INIT;
 
+// Kernel ids of worker threads that have ended their work but may still be
+// on their way out through the library's code. Bounded: a thread that finds
+// the list full waits until one of those has really gone, which takes
+// microseconds, so a burst of many ending pools is slowed, never lost.
+const int kMaxLeaving = 256;
+pid_t gLeaving[kMaxLeaving];
+int gLeavingCount = 0;
+
 // How long the exit of the process waits for worker threads that are still
 // ending. Bounded, so that a task that never returns cannot hang the exit.
 const unsigned long kExitWaitMs = 5000;
 
 void waitAtExit() { waitForWorkerThreads(kExitWaitMs); }
 
-// Registered on the first worker thread, after the runtime's own handlers,
-// so that it runs before the library's unload hook at process exit.
-void registerExitHandler() { atexit(&waitAtExit); }
+// Once per load, on the first worker thread, before anything may wait for
+// workers to leave:
+// - the exit handler, registered after the runtime's own handlers, so that it
+//   runs before the library's unload hook at process exit;
+// - the C runtime's unwinder. A worker whose object is gone ends through
+//   pthread_exit, which loads libgcc_s on its first use in the process, and
+//   loading takes the loader's lock. The unload hook runs under that lock
+//   while it waits for the worker to leave: loaded any later, the two would
+//   wait for each other. A backtrace loads it now (glibc keeps it loaded).
+void prepareForWorkers() {
+  atexit(&waitAtExit);
+  void* frame;
+  backtrace(&frame, 1);
+}
+
+pid_t currentTid() { return static_cast<pid_t>(syscall(SYS_gettid)); }
+
+// Whether the kernel still has the thread. Once it says no, the thread runs
+// no instruction of ours again. (A tid reused at once by an unrelated thread
+// only makes a waiter wait for its bound.)
+bool threadExists(pid_t tid) {
+  return syscall(SYS_tgkill, static_cast<pid_t>(getpid()), tid, 0) == 0 || errno != ESRCH;
+}
+
+// Drops the threads that have gone from gLeaving. Call with gCensusMutex held.
+void forgetGoneThreads() {
+  int kept = 0;
+  for (int i = 0; i < gLeavingCount; ++i) {
+    if (threadExists(gLeaving[i])) gLeaving[kept++] = gLeaving[i];
+  }
+  gLeavingCount = kept;
+}
+
+void pauseBriefly() {
+  const timespec pause = {0, 50000};  // 50 us: about what the exit of a thread takes
+  nanosleep(&pause, nullptr);
+}
 
 }  // namespace
 
 void workerThreadBegins() {
-  pthread_once(&gHandlerOnce, &registerExitHandler);
+  pthread_once(&gHandlerOnce, &prepareForWorkers);
   PthreadGuard guard(gCensusMutex);
   ++gAlive;
 }
 
 void workerThreadEnds() {
-  PthreadGuard guard(gCensusMutex);
+  const pid_t self = currentTid();
+  pthread_mutex_lock(&gCensusMutex);
+  forgetGoneThreads();
+  while (gLeavingCount == kMaxLeaving) {
+    pthread_mutex_unlock(&gCensusMutex);
+    pauseBriefly();
+    pthread_mutex_lock(&gCensusMutex);
+    forgetGoneThreads();
+  }
+  gLeaving[gLeavingCount++] = self;
   if (--gAlive == 0) pthread_cond_broadcast(&gCensusCond);
+  pthread_mutex_unlock(&gCensusMutex);
 }
 
 bool waitForWorkerThreads(unsigned long timeoutMs) {
   const timespec deadline = wallClockDeadline(timeoutMs);
   PthreadGuard guard(gCensusMutex);
   while (gAlive > 0) {
-    if (pthread_cond_timedwait(&gCensusCond, &gCensusMutex, &deadline) == ETIMEDOUT) break;
+    if (pthread_cond_timedwait(&gCensusCond, &gCensusMutex, &deadline) == ETIMEDOUT && gAlive > 0) {
+      return false;
+    }
   }
-  return gAlive == 0;
+  // The threads have ended their work; now wait until they have left the
+  // library's code too, so that the caller may unmap it.
+  for (;;) {
+    forgetGoneThreads();
+    if (gLeavingCount == 0) return true;
+    if (wallClockDeadlinePassed(deadline)) return false;
+    pthread_mutex_unlock(&gCensusMutex);
+    pauseBriefly();
+    pthread_mutex_lock(&gCensusMutex);
+  }
 }
 
 }  // namespace detail

@@ -6,9 +6,11 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdint>
 #include <cstdlib>
 
+#include "zelkit3/thread_pool.h"
 #include "zelkit3/win_emul.h"
 
 // Present under LeakSanitizer only.
@@ -28,6 +30,9 @@ struct Library {
   int (*closeHandle)(void*) = nullptr;
   unsigned long (*wait)(void*, unsigned long) = nullptr;
   const std::uint32_t* factoryUsers = nullptr;
+  zelkit3::ThreadPool* (*createPool)(unsigned int, bool) = nullptr;
+  bool (*startTask)(zelkit3::ThreadPool*, zelkit3::IRunnable*) = nullptr;
+  void (*releasePool)(zelkit3::ThreadPool*) = nullptr;
 
   Library() {
     handle = dlopen(ZK3_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
@@ -39,6 +44,9 @@ struct Library {
     load(setEvent, "_ZN7zelkit38win_emul8SetEventEPv");
     load(closeHandle, "_ZN7zelkit38win_emul11CloseHandleEPv");
     load(wait, "_ZN7zelkit38win_emul19WaitForSingleObjectEPvm");
+    load(createPool, "_ZN7zelkit310ThreadPool6createEjb");
+    load(startTask, "_ZN7zelkit310ThreadPool5startEPNS_9IRunnableE");
+    load(releasePool, "_ZN7zelkit310ThreadPool7releaseEv");
     // The count's low 32 bits, whatever the width of its type.
     factoryUsers = static_cast<const std::uint32_t*>(dlsym(handle, "_ZN26HistoricalTZHelpersFactory7s_dwRefE"));
   }
@@ -51,7 +59,7 @@ struct Library {
   }
   bool complete() const {
     return handle && atLoad && atUnload && createEvent && openEvent && setEvent && closeHandle &&
-           wait && factoryUsers;
+           wait && factoryUsers && createPool && startTask && releasePool;
   }
   // An auto-reset event can be made, set, waited for and closed.
   bool eventsWork() const {
@@ -140,6 +148,42 @@ TEST(Hooks, ProcessExitsCleanlyWithTheLibraryStillLoaded) {
             }),
             0);
   EXPECT_EQ(exitStatusOf([](Library& lib) { lib.atUnload(); }), 0);
+}
+
+// A task that lives in this program, not in the library.
+class CountedTask : public zelkit3::IRunnable {
+ public:
+  void run() override { runs.fetch_add(1); }
+  void addRef() override {}
+  void release() override {}
+  std::atomic<int> runs{0};
+};
+
+// After an asynchronous end the pool's threads wind down on their own; a
+// dlclose right after it must wait until they have left the library's code,
+// or they would run on in unmapped pages. Many rounds in a child, since the
+// window is short: a crash shows as a signal.
+TEST(Hooks, UnloadRightAfterAnAsynchronousPoolEnd) {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    alarm(60);
+    for (int round = 0; round < 100; ++round) {
+      CountedTask task;
+      {
+        Library lib;
+        if (!lib.complete()) _exit(90);
+        zelkit3::ThreadPool* pool = lib.createPool(4, false);
+        for (int i = 0; i < 16; ++i) lib.startTask(pool, &task);
+        lib.releasePool(pool);  // the asynchronous end: returns while tasks may run
+      }  // dlclose
+      if (isLoaded()) _exit(91);
+    }
+    _exit(0);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  ASSERT_TRUE(WIFEXITED(status)) << "killed by signal " << WTERMSIG(status);
+  EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
 }  // namespace
