@@ -70,9 +70,19 @@ void forgetGoneThreads() {
   gLeavingCount = kept;
 }
 
-void pauseBriefly() {
-  const timespec pause = {0, 50000};  // 50 us: about what the exit of a thread takes
-  nanosleep(&pause, nullptr);
+// Waits until at most `most` threads are still leaving, or the deadline (if
+// any) passes; true if so. Called and returns with gCensusMutex held; gives it
+// up while it pauses, so that other threads can end meanwhile.
+bool waitForLeavingAtMost(int most, const timespec* deadline) {
+  for (;;) {
+    forgetGoneThreads();
+    if (gLeavingCount <= most) return true;
+    if (deadline != nullptr && wallClockDeadlinePassed(*deadline)) return false;
+    pthread_mutex_unlock(&gCensusMutex);
+    const timespec pause = {0, 50000};  // 50 us: about what the exit of a thread takes
+    nanosleep(&pause, nullptr);
+    pthread_mutex_lock(&gCensusMutex);
+  }
 }
 
 }  // namespace
@@ -85,17 +95,10 @@ void workerThreadBegins() {
 
 void workerThreadEnds() {
   const pid_t self = currentTid();
-  pthread_mutex_lock(&gCensusMutex);
-  forgetGoneThreads();
-  while (gLeavingCount == kMaxLeaving) {
-    pthread_mutex_unlock(&gCensusMutex);
-    pauseBriefly();
-    pthread_mutex_lock(&gCensusMutex);
-    forgetGoneThreads();
-  }
+  PthreadGuard guard(gCensusMutex);
+  waitForLeavingAtMost(kMaxLeaving - 1, nullptr);  // room for this thread
   gLeaving[gLeavingCount++] = self;
   if (--gAlive == 0) pthread_cond_broadcast(&gCensusCond);
-  pthread_mutex_unlock(&gCensusMutex);
 }
 
 bool waitForWorkerThreads(unsigned long timeoutMs) {
@@ -108,14 +111,7 @@ bool waitForWorkerThreads(unsigned long timeoutMs) {
   }
   // The threads have ended their work; now wait until they have left the
   // library's code too, so that the caller may unmap it.
-  for (;;) {
-    forgetGoneThreads();
-    if (gLeavingCount == 0) return true;
-    if (wallClockDeadlinePassed(deadline)) return false;
-    pthread_mutex_unlock(&gCensusMutex);
-    pauseBriefly();
-    pthread_mutex_lock(&gCensusMutex);
-  }
+  return waitForLeavingAtMost(0, &deadline);
 }
 
 }  // namespace detail
