@@ -218,8 +218,10 @@ class ZK3_API ThreadPoolImpl : public TThreadSafeAddRefImpl<IThreadPoolImpl> {
   virtual ~ThreadPoolImpl();
 
  private:
-  // Wakes a free worker with a thread after a task was queued, so that the
-  // task does not wait for a worker's idle time-out.
+  // Queues task and wakes a free worker, so that the task does not wait for
+  // a worker's idle time-out; the result of pushTask.
+  __attribute__((visibility("hidden"))) bool queueTask(IRunnable* task);
+  // Wakes a free worker with a thread after a task was queued.
   __attribute__((visibility("hidden"))) void wakeFreeWorker();
   // A copy of mWorkers, taken under mMutex.
   __attribute__((visibility("hidden"))) std::map<WorkerThread*, boost::shared_ptr<WorkerThread> >
@@ -235,6 +237,9 @@ class ZK3_API ThreadPoolImpl : public TThreadSafeAddRefImpl<IThreadPoolImpl> {
   std::atomic<bool> mAnyThreadStarted;
   // Workers in their idle spell; while it is 0 a queued task needs no wake-up.
   std::atomic<int> mIdleWorkers;
+  // start calls between queueing a task and their last touch of this
+  // object; the destructor waits for 0.
+  std::atomic<int> mStartsInFlight;
 };
 
 // The public face of a pool.

@@ -1,4 +1,7 @@
 #include "zelkit3/thread_pool.h"
+
+#include <sched.h>
+
 #include "threads/mutex_guard.h"
 #include "threads/worker_internal.h"
 #include "zelkit3/assert.h"
@@ -32,7 +35,8 @@ ThreadPoolImpl::ThreadPoolImpl(unsigned int maxThreads)
     : mTaskSource(new ThreadPoolTaskSource()),
       mJoined(false),
       mAnyThreadStarted(false),
-      mIdleWorkers(0) {
+      mIdleWorkers(0),
+      mStartsInFlight(0) {
   unsigned int count = maxThreads;
   if (count == 0) count = kDefaultWorkers;
   if (count > kMaxWorkers) count = kMaxWorkers;
@@ -50,16 +54,18 @@ ThreadPoolImpl::ThreadPoolImpl(unsigned int maxThreads)
   }
 }
 
-ThreadPoolImpl::~ThreadPoolImpl() { mTaskSource.reset(); }
+ThreadPoolImpl::~ThreadPoolImpl() {
+  // A start that queued a task which then ended the pool may still be on
+  // its way out of queueTask. It holds no lock that this thread holds and
+  // blocks on nothing but the pool's mutex, so the wait is short.
+  while (mStartsInFlight.load(std::memory_order_acquire) != 0) sched_yield();
+  mTaskSource.reset();
+}
 
 bool ThreadPoolImpl::start(IRunnable* task) {
   if (task == nullptr || mJoined.load()) return false;
   // A new task never overtakes waiting ones.
-  if (!mTaskSource->empty()) {
-    if (!mTaskSource->pushTask(task)) return false;
-    wakeFreeWorker();
-    return true;
-  }
+  if (!mTaskSource->empty()) return queueTask(task);
   {
     MutexGuard guard(mMutex);
     for (WorkerMap::iterator it = mWorkers.begin(); it != mWorkers.end(); ++it) {
@@ -75,9 +81,23 @@ bool ThreadPoolImpl::start(IRunnable* task) {
   }
   // Without any thread nothing would ever take the task out of the queue.
   if (!mAnyThreadStarted.load()) return false;
-  if (!mTaskSource->pushTask(task)) return false;
-  wakeFreeWorker();
-  return true;
+  return queueTask(task);
+}
+
+bool ThreadPoolImpl::queueTask(IRunnable* task) {
+  // Once pushed, the task may run at once and end the pool (an asynchronous
+  // end from inside a task), and the last worker may then destroy this
+  // object before the wake-up below. The count keeps the destructor waiting
+  // until this call has left the object; it is raised before the push, so a
+  // worker that takes the task sees it raised.
+  mStartsInFlight.fetch_add(1);
+  const bool queued = mTaskSource->pushTask(task);
+  if (queued) {
+    if (void (*seam)() = detail::gAfterTaskQueued.load(std::memory_order_acquire)) seam();
+    wakeFreeWorker();
+  }
+  mStartsInFlight.fetch_sub(1, std::memory_order_release);  // the last touch of this object
+  return queued;
 }
 
 void ThreadPoolImpl::wakeFreeWorker() {

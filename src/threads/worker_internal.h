@@ -2,6 +2,8 @@
 #ifndef ZELKIT3_SRC_THREADS_WORKER_INTERNAL_H
 #define ZELKIT3_SRC_THREADS_WORKER_INTERNAL_H
 
+#include <atomic>
+
 namespace zelkit3 {
 
 class WorkerThread;
@@ -14,6 +16,11 @@ namespace detail {
 // object is gone; and it tells the destructor that it runs on the worker's
 // own thread, so it must not wait for that thread to end.
 extern thread_local WorkerThread* tReleasingOwnWorker;
+
+// A seam for tests: when set, ThreadPoolImpl::start calls it after it has
+// queued a task and before it wakes a worker, to widen that window. Nothing
+// else writes it.
+extern std::atomic<void (*)()> gAfterTaskQueued;
 
 }  // namespace detail
 }  // namespace zelkit3

@@ -10,6 +10,7 @@ namespace zelkit3 {
 
 namespace detail {
 thread_local WorkerThread* tReleasingOwnWorker = nullptr;
+std::atomic<void (*)()> gAfterTaskQueued{nullptr};
 }
 
 using detail::MutexGuard;

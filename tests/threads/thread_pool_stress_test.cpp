@@ -60,6 +60,7 @@ struct Round {
   std::atomic<int> created{0};
   std::atomic<int> ran{0};
   std::atomic<int> destroyed{0};
+  std::atomic<int> enders{2};  // EndingTasks yet to run
 };
 
 class StressTask : public zelkit3::IRunnable {
@@ -86,47 +87,87 @@ class StressTask : public zelkit3::IRunnable {
     }
   }
 
- private:
+ protected:
   virtual ~StressTask() {}
+  Round& round() { return mRound; }
+
+ private:
   Round& mRound;
   const int mChildren;
   std::atomic<int> mRefs{1};
 };
 
-TEST(ThreadPoolStressTest, ManyPoolsBothEnds) {
-  Watchdog watchdog(scaled(50000));  // inside the ctest time-out of 300 s
-  const int before = zk3test::settledThreadCount();
-  const unsigned seed = 20261123u;
-  std::mt19937 random(seed);
-  int joined = 0, async = 0;
-  for (int r = 0; r < kRounds; ++r) {
-    Round round;
-    const unsigned threads = random() % 9;  // 0 asks for the default of 5
-    const bool byJoin = random() % 2 == 0;
-    round.pool = ThreadPool::create(threads, byJoin);
-    for (int i = 0; i < kTasksPerRound; ++i) {
-      auto* task = new StressTask(round, i % 97 == 0 ? 3 : 0);
-      round.pool->start(task);
-      task->release();
-    }
+// Ends the pool of its round from inside its run once both starters have
+// queued theirs: so the pool ends while either start may still be inside.
+class EndingTask : public StressTask {
+ public:
+  explicit EndingTask(Round& round) : StressTask(round, 0) {}
+  void run() override {
+    StressTask::run();
+    Round& round = this->round();
+    if (round.enders.fetch_sub(1) != 1) return;
     {
       std::unique_lock<std::shared_mutex> lock(round.guard);
       round.ended = true;
     }
-    round.pool->release();  // joins, or ends asynchronously
-    if (byJoin) {
-      ++joined;
+    round.pool->release();
+  }
+};
+
+// How a round ends.
+enum class End { kJoin, kAsyncByCaller, kAsyncByTask };
+
+TEST(ThreadPoolStressTest, ManyPoolsEveryEnd) {
+  Watchdog watchdog(scaled(50000));  // inside the ctest time-out of 300 s
+  const int before = zk3test::settledThreadCount();
+  const unsigned seed = 20261123u;
+  std::mt19937 random(seed);
+  int ends[3] = {0, 0, 0};
+  for (int r = 0; r < kRounds; ++r) {
+    Round round;
+    const unsigned threads = random() % 9;  // 0 asks for the default of 5
+    const End end = static_cast<End>(random() % 3);
+    ++ends[static_cast<int>(end)];
+    round.pool = ThreadPool::create(threads, end == End::kJoin);
+    auto startSome = [&round](int from, int to) {
+      for (int i = from; i < to; ++i) {
+        auto* task = new StressTask(round, i % 97 == 0 ? 3 : 0);
+        round.pool->start(task);
+        task->release();
+      }
+    };
+    if (end == End::kAsyncByTask) {
+      // The caller and a helper each queue half of the tasks and then one
+      // ender, at once; the later ender to run ends the pool.
+      zk3test::Gate gate(2);
+      auto starter = [&](int from, int to) {
+        gate.arriveAndWait();
+        startSome(from, to);
+        auto* ender = new EndingTask(round);
+        round.pool->start(ender);
+        ender->release();
+      };
+      std::thread helper(starter, 0, kTasksPerRound / 2);
+      starter(kTasksPerRound / 2, kTasksPerRound);
+      helper.join();
+    } else {
+      startSome(0, kTasksPerRound);
+      {
+        std::unique_lock<std::shared_mutex> lock(round.guard);
+        round.ended = true;
+      }
+      round.pool->release();  // joins, or ends asynchronously
+    }
+    if (end == End::kJoin) {
       ASSERT_EQ(round.created.load(), round.destroyed.load()) << "round " << r << ", seed " << seed;
     } else {
-      ++async;
       ASSERT_TRUE(eventually([&] { return round.destroyed.load() == round.created.load(); },
                              scaled(60000)))
           << "round " << r << ", seed " << seed;
     }
     ASSERT_LE(round.ran.load(), round.created.load());
   }
-  EXPECT_GT(joined, 0);
-  EXPECT_GT(async, 0);
+  for (int count : ends) EXPECT_GT(count, 0);
   // The last asynchronous end finishes on its own thread.
   EXPECT_TRUE(zk3test::threadsDownTo(before));
 }

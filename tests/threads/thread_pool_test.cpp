@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "test_util.h"
+#include "threads/worker_internal.h"
 
 namespace zelkit3 {
 namespace detail {
@@ -272,6 +273,63 @@ TEST(ThreadPoolTest, AsynchronousEndFromInsideATask) {
   ASSERT_TRUE(startNew<Ending>(*pool, counters, pool));
   ASSERT_TRUE(eventually([&] { return counters.destroyed.load() == 1; }));
   EXPECT_TRUE(threadsDownTo(before));
+}
+
+// Ends its pool from inside its run, then says so.
+class PoolEndingTask : public CountingTask {
+ public:
+  PoolEndingTask(TaskCounters& c, ThreadPool* pool, Flag& ended)
+      : CountingTask(c), mPool(pool), mEnded(ended) {}
+
+ protected:
+  void work() override {
+    mPool->release();
+    mEnded.set();
+  }
+
+ private:
+  ThreadPool* mPool;
+  Flag& mEnded;
+};
+
+// What the seam in start's window between queueing and waking works with.
+struct QueuedWindow {
+  Flag* go = nullptr;     // lets the blocking task end, so the queued one runs
+  Flag* ended = nullptr;  // the queued task has ended the pool
+  int threadsBefore = 0;
+  std::atomic<bool> poolThreadGone{false};
+};
+QueuedWindow gWindow;
+
+// Runs inside start, after the push: lets the queued task run and end the
+// pool, then gives the last worker ample time to destroy it.
+void holdStartAfterQueueing() {
+  gWindow.go->set();
+  gWindow.ended->waitFor();
+  gWindow.poolThreadGone.store(threadsDownTo(gWindow.threadsBefore, zk3test::scaled(300)));
+}
+
+// The task that start has just queued ends the pool before start returns:
+// the pool must not be destroyed under the start call (under ASan a use
+// after free otherwise).
+TEST(ThreadPoolTest, AQueuedTaskThatEndsThePoolWaitsForItsStartToLeave) {
+  gWindow.threadsBefore = settledThreadCount();
+  TaskCounters counters;
+  Flag go, ended;
+  std::atomic<int> entered{0};
+  gWindow.go = &go;
+  gWindow.ended = &ended;
+  ThreadPool* pool = ThreadPool::create(1, false);
+  ASSERT_TRUE(startNew<BlockingTask>(*pool, counters, go, &entered));
+  ASSERT_TRUE(eventually([&] { return entered.load() == 1; }));
+  zelkit3::detail::gAfterTaskQueued.store(&holdStartAfterQueueing);
+  // The only worker is busy: this one goes through the queue.
+  EXPECT_TRUE(startNew<PoolEndingTask>(*pool, counters, pool, ended));
+  zelkit3::detail::gAfterTaskQueued.store(nullptr);
+  EXPECT_TRUE(ended.isSet());
+  EXPECT_FALSE(gWindow.poolThreadGone.load()) << "the pool was destroyed inside start";
+  ASSERT_TRUE(eventually([&] { return counters.destroyed.load() == 2; }));
+  EXPECT_TRUE(threadsDownTo(gWindow.threadsBefore));
 }
 
 TEST(ThreadPoolTest, AsynchronousEndRightAfterTheFirstTask) {
