@@ -11,7 +11,7 @@ namespace zelkit3 {
 namespace detail {
 thread_local WorkerThread* tReleasingOwnWorker = nullptr;
 std::atomic<void (*)()> gAfterTaskQueued{nullptr};
-}
+}  // namespace detail
 
 using detail::MutexGuard;
 using win_emul::CloseHandle;

@@ -60,6 +60,15 @@ void CWinEventHandle::signal(bool wakeUnderLock) {
   pthread_mutex_lock(&mStateMutex);
   mSignaled.store(true, std::memory_order_seq_cst);
   mSetCount.fetch_add(1, std::memory_order_relaxed);
+  // Registered listeners are counted, so that the common set with nobody
+  // waiting for any skips the listener lock. A registration that races with
+  // this sees mSignaled in its re-scan instead (both sides sequentially
+  // consistent). Read before the unlock: a pulse holds no lock that close()
+  // needs, and a thread it releases may close the event at once, so for an
+  // event without listeners the unlock must be the pulse's last touch. (An
+  // event with a listener is in the list of a running wait for any, and
+  // closing it then is the caller's error.)
+  const bool listened = mListenerCount.load(std::memory_order_seq_cst) != 0;
   // Waking after the unlock spares each woken waiter a second sleep on
   // mStateMutex, which roughly triples the cost of a hand-over otherwise.
   // That is safe only while the event cannot be destroyed in between: a
@@ -69,12 +78,7 @@ void CWinEventHandle::signal(bool wakeUnderLock) {
   if (wakeUnderLock) pthread_cond_broadcast(&mCondition);
   pthread_mutex_unlock(&mStateMutex);
   if (!wakeUnderLock) pthread_cond_broadcast(&mCondition);
-
-  // Registered listeners are counted, so that the common set with nobody
-  // waiting for any skips the listener lock. A registration that races with
-  // a pulse sees mSignaled in its re-scan instead (both sides sequentially
-  // consistent).
-  if (mListenerCount.load(std::memory_order_seq_cst) == 0) return;
+  if (!listened) return;
   PthreadGuard listeners(mListenersMutex);
   for (CWinEventHandle* listener : mListeners) listener->set();
 }

@@ -95,6 +95,21 @@ TEST(Events, PulseLeavesTheEventSignalled) {
   EXPECT_EQ(WaitForSingleObject(automatic, 0), WAIT_TIMEOUT);
 }
 
+// A thread released by a pulse may close the event at once, while the
+// pulsing thread is still inside PulseEvent (which takes no lock that close
+// needs). Under ASan a pulse that touched the event afterwards shows.
+TEST(Events, AThreadReleasedByAPulseMayCloseTheEventAtOnce) {
+  for (int round = 0; round < 1000; ++round) {
+    void* e = CreateEventW(nullptr, 0, 0, nullptr);
+    std::thread waiter([e] {
+      WaitForSingleObject(e, INFINITE);
+      CloseHandle(e);
+    });
+    PulseEvent(e);  // before the wait blocks or after: either way it releases the waiter
+    waiter.join();
+  }
+}
+
 TEST(Events, SetThenResetBeforeTheWaitBlocks) {
   Events ev;
   void* e = ev.make(0, 0);
