@@ -218,6 +218,9 @@ class ZK3_API ThreadPoolImpl : public TThreadSafeAddRefImpl<IThreadPoolImpl> {
   virtual ~ThreadPoolImpl();
 
  private:
+  // Offers task to each worker by ascending address, under mMutex; true if
+  // one took it (the pool notes a worker whose thread was made just now).
+  __attribute__((visibility("hidden"))) bool offerToWorkers(IRunnable* task);
   // Queues task and wakes a free worker, so that the task does not wait for
   // a worker's idle time-out; the result of pushTask.
   __attribute__((visibility("hidden"))) bool queueTask(IRunnable* task);

@@ -4,8 +4,8 @@
 #include <ostream>
 #include <string>
 
-#include "frame/lifecycle_internal.h"
-#include "threads/mutex_guard.h"
+#include "base/mutex_guard.h"
+#include "frame/load_steps.h"
 #include "zelkit3/performance.h"
 
 namespace zelkit3 {

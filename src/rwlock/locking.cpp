@@ -4,7 +4,8 @@
 #include <errno.h>
 #include <unistd.h>
 
-#include "frame/init_order.h"
+#include "base/deadline.h"
+#include "base/init_order.h"
 #include "rwlock/semaphore_ops.h"
 #include "zelkit3/rwlock.h"
 
@@ -34,13 +35,11 @@ struct SemaphoreSteps {
 };
 SemaphoreSteps gSemaphoreSteps ZK3_INIT_PRIORITY(ZK3_INIT_SEMAPHORE_STEPS);
 
-// (unsigned long)-1 means no limit. On x86_64 0xFFFFFFFF (the i386 value) and
-// everything above it mean no limit too, so no caller gets a wrapped deadline
-// from a value it thinks is endless.
-bool isUnlimited(unsigned long timeout) { return timeout >= 0xFFFFFFFFUL; }
-
 enum class Step { kDone, kTimedOut, kFailed };
 
+// The deadline of a limited wait is the exported getTimeout's: gettimeofday,
+// 32-bit arithmetic, the same for i386 and x86_64 callers.
+//
 // One step of a wait: an unlimited wait blocks in semop; a limited one tries,
 // then looks at the deadline, then sleeps 10 us and tries again. On kFailed
 // errno holds the cause.
@@ -57,7 +56,7 @@ Step waitStep(int semId, sembuf* ops, size_t count, const timespec& deadline) {
 // the reader slots within the same deadline. A failed or timed-out second
 // stage gives the gate back. True when both stages are done.
 bool takeGateThenSlots(int semId, int slotOp, unsigned long timeout, void (*fail)(int)) {
-  const int flags = getSemFlags(isUnlimited(timeout));
+  const int flags = getSemFlags(detail::isInfinite(timeout));
   const timespec deadline = getTimeout(timeout);
   sembuf gate = semOp(kWriterGate, -1, flags);
   Step step = waitStep(semId, &gate, 1, deadline);
@@ -76,7 +75,7 @@ bool takeGateThenSlots(int semId, int slotOp, unsigned long timeout, void (*fail
 }  // namespace
 
 bool UnixSharedRWLock::lockRead(unsigned long timeout) {
-  const int flags = getSemFlags(isUnlimited(timeout));
+  const int flags = getSemFlags(detail::isInfinite(timeout));
   const timespec deadline = getTimeout(timeout);
   // Gate and slot in one atomic step: no reader passes a writer at the gate.
   sembuf take[2] = {semOp(kWriterGate, -1, flags), semOp(kReaderSlots, -1, flags)};
@@ -104,7 +103,7 @@ void UnixSharedRWLock::freeWrite() {
 }
 
 bool UnixSharedRWLock::upgradeToLockRead(unsigned long timeout) {
-  const int flags = getSemFlags(isUnlimited(timeout));
+  const int flags = getSemFlags(detail::isInfinite(timeout));
   const int gate = semctl(mSemId, kWriterGate, GETVAL);
   const int slots = semctl(mSemId, kReaderSlots, GETVAL);
   if (gate != 0 || slots != 0) return false;

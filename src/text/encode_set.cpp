@@ -9,7 +9,7 @@
 #include <new>
 #include <stdexcept>
 
-#include "frame/init_order.h"
+#include "base/init_order.h"
 #include "text/text_internal.h"
 #include "zelkit3/string.h"
 

@@ -1,4 +1,4 @@
-#include "threads/mutex_guard.h"
+#include "base/mutex_guard.h"
 #include "zelkit3/thread_pool.h"
 
 namespace zelkit3 {

@@ -6,8 +6,8 @@
 #include <signal.h>
 #include <time.h>
 
-#include "threads/deadline.h"
-#include "threads/mutex_guard.h"
+#include "base/deadline.h"
+#include "base/mutex_guard.h"
 #include "threads/thread_create.h"
 
 namespace zelkit3 {
@@ -30,11 +30,6 @@ struct StartRecord {
 };
 
 pthread_t toPthread(unsigned long handle) { return static_cast<pthread_t>(handle); }
-
-// Both spellings of "no limit": 0xFFFFFFFF and, on x86_64, (unsigned long)-1.
-bool isInfinite(unsigned long timeoutMs) {
-  return timeoutMs == 0xFFFFFFFFUL || timeoutMs == static_cast<unsigned long>(-1);
-}
 
 }  // namespace
 
@@ -199,18 +194,8 @@ bool AThread::join(unsigned long timeoutMs) {
   ++mJoiners;
   mMutex.unlock();  // Keeps the pair's mutex; the wait gives that up.
 
-  bool ended = true;
-  if (isInfinite(timeoutMs)) {
-    while (!finished->mSignaled) pthread_cond_wait(&finished->mCondVar, &finished->mMutex);
-  } else {
-    const timespec deadline = detail::wallClockDeadline(timeoutMs);
-    while (!finished->mSignaled) {
-      if (pthread_cond_timedwait(&finished->mCondVar, &finished->mMutex, &deadline) == ETIMEDOUT) {
-        ended = finished->mSignaled;
-        break;
-      }
-    }
-  }
+  const bool ended = detail::Deadline(timeoutMs).waitUntil(
+      &finished->mCondVar, &finished->mMutex, [finished] { return finished->mSignaled; });
   --mJoiners;
   pthread_mutex_unlock(&finished->mMutex);
   return ended;

@@ -2,7 +2,7 @@
 
 #include <sched.h>
 
-#include "threads/mutex_guard.h"
+#include "base/mutex_guard.h"
 #include "threads/worker_internal.h"
 #include "zelkit3/assert.h"
 #include "zelkit3/win_emul.h"
@@ -64,24 +64,30 @@ ThreadPoolImpl::~ThreadPoolImpl() {
 
 bool ThreadPoolImpl::start(IRunnable* task) {
   if (task == nullptr || mJoined.load()) return false;
-  // A new task never overtakes waiting ones.
-  if (!mTaskSource->empty()) return queueTask(task);
-  {
-    MutexGuard guard(mMutex);
-    for (WorkerMap::iterator it = mWorkers.begin(); it != mWorkers.end(); ++it) {
-      switch (it->second->start(task)) {
-        case WorkerThread::WorkerThreadStarted:
-          mAnyThreadStarted.store(true);
-          mStartedWorkers.insert(it->first);
-          return true;
-        case WorkerThread::WorkerTaskAccepted: return true;
-        default: break;
-      }
-    }
-  }
+  // A free worker takes the task at once, unless tasks are waiting: a new
+  // task never overtakes them.
+  if (mTaskSource->empty() && offerToWorkers(task)) return true;
   // Without any thread nothing would ever take the task out of the queue.
+  // (A queue that holds tasks implies a thread: tasks are queued only then.)
   if (!mAnyThreadStarted.load()) return false;
   return queueTask(task);
+}
+
+bool ThreadPoolImpl::offerToWorkers(IRunnable* task) {
+  MutexGuard guard(mMutex);
+  for (WorkerMap::iterator it = mWorkers.begin(); it != mWorkers.end(); ++it) {
+    switch (it->second->start(task)) {
+      case WorkerThread::WorkerThreadStarted:
+        // Under the same lock as the worker's start: its unregister cannot
+        // come before this insertion.
+        mAnyThreadStarted.store(true);
+        mStartedWorkers.insert(it->first);
+        return true;
+      case WorkerThread::WorkerTaskAccepted: return true;
+      default: break;
+    }
+  }
+  return false;
 }
 
 bool ThreadPoolImpl::queueTask(IRunnable* task) {

@@ -4,8 +4,8 @@
 
 #include <memory>
 
-#include "frame/init_order.h"
-#include "threads/mutex_guard.h"
+#include "base/init_order.h"
+#include "base/mutex_guard.h"
 #include "threads/thread_create.h"
 #include "threads/timer_interval.h"
 #include "zelkit3/win_emul.h"

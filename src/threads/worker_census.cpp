@@ -9,8 +9,9 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "threads/deadline.h"
-#include "threads/mutex_guard.h"
+#include "base/deadline.h"
+#include "base/mutex_guard.h"
+#include "threads/load_steps.h"
 
 namespace zelkit3 {
 namespace detail {
@@ -73,11 +74,11 @@ void forgetGoneThreads() {
 // Waits until at most `most` threads are still leaving, or the deadline (if
 // any) passes; true if so. Called and returns with gCensusMutex held; gives it
 // up while it pauses, so that other threads can end meanwhile.
-bool waitForLeavingAtMost(int most, const timespec* deadline) {
+bool waitForLeavingAtMost(int most, const Deadline& deadline) {
   for (;;) {
     forgetGoneThreads();
     if (gLeavingCount <= most) return true;
-    if (deadline != nullptr && wallClockDeadlinePassed(*deadline)) return false;
+    if (deadline.passed()) return false;
     pthread_mutex_unlock(&gCensusMutex);
     const timespec pause = {0, 50000};  // 50 us: about what the exit of a thread takes
     nanosleep(&pause, nullptr);
@@ -96,23 +97,21 @@ void workerThreadBegins() {
 void workerThreadEnds() {
   const pid_t self = currentTid();
   PthreadGuard guard(gCensusMutex);
-  waitForLeavingAtMost(kMaxLeaving - 1, nullptr);  // room for this thread
+  waitForLeavingAtMost(kMaxLeaving - 1, Deadline(kNoLimit));  // room for this thread
   gLeaving[gLeavingCount++] = self;
   if (--gAlive == 0) pthread_cond_broadcast(&gCensusCond);
 }
 
 bool waitForWorkerThreads(unsigned long timeoutMs) {
-  const timespec deadline = wallClockDeadline(timeoutMs);
+  Deadline deadline(timeoutMs);
   PthreadGuard guard(gCensusMutex);
-  while (gAlive > 0) {
-    if (pthread_cond_timedwait(&gCensusCond, &gCensusMutex, &deadline) == ETIMEDOUT && gAlive > 0) {
-      return false;
-    }
-  }
+  if (!deadline.waitUntil(&gCensusCond, &gCensusMutex, [] { return gAlive == 0; })) return false;
   // The threads have ended their work; now wait until they have left the
   // library's code too, so that the caller may unmap it.
-  return waitForLeavingAtMost(0, &deadline);
+  return waitForLeavingAtMost(0, deadline);
 }
+
+void workersAtUnload() { waitForWorkerThreads(kExitWaitMs); }
 
 }  // namespace detail
 }  // namespace zelkit3

@@ -1,6 +1,6 @@
 #include <cxxabi.h>
 
-#include "threads/mutex_guard.h"
+#include "base/mutex_guard.h"
 #include "threads/worker_census.h"
 #include "threads/worker_internal.h"
 #include "zelkit3/thread_pool.h"

@@ -1,6 +1,8 @@
 #include "win_emul/event_state.h"
 
-#include "frame/init_order.h"
+#include "base/init_order.h"
+#include "base/recursive_mutex.h"
+#include "win_emul/load_steps.h"
 
 namespace zelkit3 {
 namespace win_emul {
@@ -34,6 +36,38 @@ AccessGuard::~AccessGuard() {
 }
 
 }  // namespace win_emul
+
+namespace detail {
+
+using win_emul::AccessGuard;
+using win_emul::CWinEventHandle;
+using win_emul::gEventLock;
+using win_emul::gEventLockMarker;
+using win_emul::gEventTable;
+
+void eventsAtLoad() {
+  if (gEventLockMarker == nullptr) {
+    char* marker = new char(0);
+    initRecursiveMutex(&gEventLock);
+    gEventLockMarker = marker;
+  }
+  if (gEventTable == nullptr) gEventTable = new std::set<CWinEventHandle*>();
+}
+
+void eventsAtUnload() {
+  {
+    AccessGuard access;
+    delete gEventTable;  // The events in it are neither closed nor destroyed.
+    gEventTable = nullptr;
+  }
+  if (gEventLockMarker != nullptr) {
+    pthread_mutex_destroy(&gEventLock);
+    delete gEventLockMarker;
+    gEventLockMarker = nullptr;
+  }
+}
+
+}  // namespace detail
 }  // namespace zelkit3
 
 zelkit3::Mutex mAccessMutex ZK3_INIT_PRIORITY(ZK3_INIT_ACCESS_MUTEX);

@@ -4,8 +4,9 @@
 
 #include <cstdint>
 
-#include "threads/deadline.h"
-#include "threads/mutex_guard.h"
+#include "base/deadline.h"
+#include "base/mutex_guard.h"
+#include "base/recursive_mutex.h"
 #include "win_emul/event_handle.h"
 #include "win_emul/event_state.h"
 #include "zelkit3/win_emul.h"
@@ -19,23 +20,6 @@ bool CBaseHandle::wait(unsigned long) { return false; }
 
 bool CBaseHandle::close() { return false; }
 
-namespace {
-
-void initRecursive(pthread_mutex_t* m) {
-  pthread_mutexattr_t attr;
-  pthread_mutexattr_init(&attr);
-  pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);
-  pthread_mutex_init(m, &attr);
-  pthread_mutexattr_destroy(&attr);
-}
-
-bool isInfinite(unsigned long timeoutMs) {
-  // Both the Win32 value and (unsigned long)-1 mean no limit on either ABI.
-  return static_cast<std::uint32_t>(timeoutMs) == 0xFFFFFFFFu;
-}
-
-}  // namespace
-
 CWinEventHandle::CWinEventHandle(bool manualReset, bool initialState, const wchar_t* name)
     : mManualReset(manualReset),
       mSignaled(initialState),
@@ -43,8 +27,8 @@ CWinEventHandle::CWinEventHandle(bool manualReset, bool initialState, const wcha
       mRefCount(1),
       mListenerCount(0),
       mName(name ? name : L"") {
-  initRecursive(&mStateMutex);
-  initRecursive(&mListenersMutex);
+  detail::initRecursiveMutex(&mStateMutex);
+  detail::initRecursiveMutex(&mListenersMutex);
   pthread_cond_init(&mCondition, nullptr);
 }
 
@@ -120,26 +104,11 @@ bool CWinEventHandle::wait(unsigned long timeoutMs) {
     return mSignaled.load(std::memory_order_relaxed) ||
            mSetCount.load(std::memory_order_relaxed) != startCount;
   };
-  bool result = true;
-  while (!released()) {
-    // A poll needs no timed wait: its deadline would be now.
-    if (timeoutMs == 0) {
-      result = false;
-      break;
-    }
-    if (isInfinite(timeoutMs)) {
-      pthread_cond_wait(&mCondition, &mStateMutex);
-      continue;
-    }
-    // The deadline is computed anew after each wake-up without a set.
-    const timespec deadline = detail::wallClockDeadline(static_cast<std::uint32_t>(timeoutMs));
-    if (pthread_cond_timedwait(&mCondition, &mStateMutex, &deadline) == ETIMEDOUT) {
-      // A set that came between the expiry and our retaking the mutex is
-      // honoured rather than consumed by a wait that reports a time-out.
-      result = released();
-      break;
-    }
-  }
+  // A wake-up without a set starts the whole time-out over. A set that comes
+  // between the expiry and the retaking of the mutex is honoured rather than
+  // consumed by a wait that reports a time-out.
+  const bool result = detail::Deadline(timeoutMs, detail::Deadline::kFromEachBlock)
+                          .waitUntil(&mCondition, &mStateMutex, released);
   if (result && !mManualReset) mSignaled.store(false, std::memory_order_relaxed);
   return result;
 }

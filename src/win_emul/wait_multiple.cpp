@@ -2,6 +2,7 @@
 #include <memory>
 #include <optional>
 
+#include "base/deadline.h"
 #include "win_emul/event_handle.h"
 #include "win_emul/event_state.h"
 #include "zelkit3/win_emul.h"
@@ -15,17 +16,13 @@ namespace {
 // heap beyond, so that any count is served without writing past an array.
 constexpr unsigned long kInlineHandles = 32;
 
-bool isInfinite(unsigned long timeoutMs) {
-  return static_cast<std::uint32_t>(timeoutMs) == 0xFFFFFFFFu;
-}
-
 unsigned long waitForAll(unsigned long count, void* const* handles, unsigned long timeoutMs) {
   const std::uint32_t start = static_cast<std::uint32_t>(GetTickCount());
   const std::uint32_t limit = static_cast<std::uint32_t>(timeoutMs);
   for (unsigned long i = 0; i < count; ++i) {
     const std::uint32_t elapsed = static_cast<std::uint32_t>(GetTickCount()) - start;
     unsigned long left = timeoutMs;
-    if (!isInfinite(timeoutMs)) {
+    if (!detail::isInfinite(timeoutMs)) {
       // Equal still gets its wait, with a time-out of 0.
       if (elapsed > limit) return WAIT_TIMEOUT;
       left = limit - elapsed;
@@ -98,7 +95,7 @@ unsigned long waitForAny(unsigned long count, void* const* handles, unsigned lon
   if (timeoutMs == 0) return WAIT_TIMEOUT;
   // Nothing could ever end an infinite wait on no handles: return at once
   // rather than block the thread for good.
-  if (count == 0 && isInfinite(timeoutMs)) return WAIT_TIMEOUT;
+  if (count == 0 && detail::isInfinite(timeoutMs)) return WAIT_TIMEOUT;
 
   CWinEventHandle* inlineEvents[kInlineHandles];
   std::unique_ptr<CWinEventHandle*[]> heapEvents;

@@ -1,16 +1,10 @@
 #include "zelkit3/mutex.h"
 
+#include "base/recursive_mutex.h"
+
 namespace zelkit3 {
 
-// Results of the pthread calls are not examined: with a valid object and a
-// recursive type none of them can fail in a way the caller could act on.
-Mutex::Mutex() {
-  pthread_mutexattr_t attr;
-  pthread_mutexattr_init(&attr);
-  pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);
-  pthread_mutex_init(&mMutex, &attr);
-  pthread_mutexattr_destroy(&attr);
-}
+Mutex::Mutex() { detail::initRecursiveMutex(&mMutex); }
 
 Mutex::~Mutex() { pthread_mutex_destroy(&mMutex); }
 

@@ -1,6 +1,6 @@
 // Scoped guards for the library's locks. Internal: never installed.
-#ifndef ZELKIT3_SRC_THREADS_MUTEX_GUARD_H
-#define ZELKIT3_SRC_THREADS_MUTEX_GUARD_H
+#ifndef ZELKIT3_SRC_BASE_MUTEX_GUARD_H
+#define ZELKIT3_SRC_BASE_MUTEX_GUARD_H
 
 #include <pthread.h>
 
@@ -37,4 +37,4 @@ class PthreadGuard {
 }  // namespace detail
 }  // namespace zelkit3
 
-#endif  // ZELKIT3_SRC_THREADS_MUTEX_GUARD_H
+#endif  // ZELKIT3_SRC_BASE_MUTEX_GUARD_H

@@ -11,8 +11,8 @@
 //   103  the four semaphore steps derived from gReadersCount (src/rwlock)
 //   104  mAccessMutex                                       (src/win_emul)
 //   105  zelkit3::nmstring::EncodeSet::sEmpty               (src/text)
-#ifndef ZELKIT3_SRC_FRAME_INIT_ORDER_H
-#define ZELKIT3_SRC_FRAME_INIT_ORDER_H
+#ifndef ZELKIT3_SRC_BASE_INIT_ORDER_H
+#define ZELKIT3_SRC_BASE_INIT_ORDER_H
 
 #define ZK3_INIT_AT_LOAD 101
 #define ZK3_INIT_TIMER_MANAGER 102
@@ -23,4 +23,4 @@
 // Places a static object at one of the steps above.
 #define ZK3_INIT_PRIORITY(step) __attribute__((init_priority(step)))
 
-#endif  // ZELKIT3_SRC_FRAME_INIT_ORDER_H
+#endif  // ZELKIT3_SRC_BASE_INIT_ORDER_H

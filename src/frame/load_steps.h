@@ -1,6 +1,6 @@
-// What the unload hook asks of the other families. Internal: never installed.
-#ifndef ZELKIT3_SRC_FRAME_LIFECYCLE_INTERNAL_H
-#define ZELKIT3_SRC_FRAME_LIFECYCLE_INTERNAL_H
+// The frame's step at unload, for the load hooks. Internal: never installed.
+#ifndef ZELKIT3_SRC_FRAME_LOAD_STEPS_H
+#define ZELKIT3_SRC_FRAME_LOAD_STEPS_H
 
 namespace zelkit3 {
 namespace detail {
@@ -13,4 +13,4 @@ void finishPerformanceReport();
 }  // namespace detail
 }  // namespace zelkit3
 
-#endif  // ZELKIT3_SRC_FRAME_LIFECYCLE_INTERNAL_H
+#endif  // ZELKIT3_SRC_FRAME_LOAD_STEPS_H
