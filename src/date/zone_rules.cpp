@@ -98,8 +98,7 @@ int convert(_TIME_ZONE_INFORMATION* tz, _SYSTEMTIME* in, _SYSTEMTIME* out, bool 
   if (tz == nullptr || in == nullptr || out == nullptr) return 0;
   double d;
   if (!detail::encodeSerial(in, &d)) return 0;
-  // d itself, not its truncation: a record with wMilliseconds above 999
-  // encodes to a serial that decoding need not give back bit for bit.
+  // The rules of the year that d decodes to, as IsDaylightTime takes them.
   return detail::decodeSerial(detail::shiftLeg(tz, d, detail::decodedYear(d), toUTC), out);
 }
 
