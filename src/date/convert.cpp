@@ -22,7 +22,8 @@ double convertLeg(double date, IHistoricalTimezoneHelper* helper, bool toUTC) {
   _TIME_ZONE_INFORMATION* tz =
       helper->getTimezoneInformationByYear(static_cast<unsigned int>(year));
   if (tz == nullptr) return date;
-  detail::convertSerial(tz, d, year, toUTC, &date);
+  // Truncating the shifted serial is encoding what decoding it gives.
+  detail::truncateSerial(detail::shiftLeg(tz, d, year, toUTC), &date);
   return date;
 }
 

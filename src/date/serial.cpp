@@ -94,6 +94,14 @@ int truncateSerialWithYear(double date, double* out, unsigned short* year) {
   return 1;
 }
 
+unsigned short decodedYear(double date) {
+  if (!(date <= kMaxSerial && date >= kMinSerial)) return 0;
+  int days, ms, dayOfYear;
+  bool leapYear;
+  splitSerial(date, &days, &ms);
+  return static_cast<unsigned short>(splitDayNumber(days + kSerialEpochDay, &dayOfYear, &leapYear));
+}
+
 int decodeSerial(double date, _SYSTEMTIME* out) {
   // Written so that NaN fails the test: it compares false with everything.
   if (!(date <= kMaxSerial && date >= kMinSerial)) return 0;

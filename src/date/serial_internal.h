@@ -23,6 +23,9 @@ int encodeSerial(const _SYSTEMTIME* t, double* out);
 int truncateSerial(double date, double* out);
 // truncateSerial that also gives the decoded year.
 int truncateSerialWithYear(double date, double* out, unsigned short* year);
+// The wYear that decoding date gives, without the rest of the calendar; 0
+// where decoding refuses date (a decoded year is never below 100).
+unsigned short decodedYear(double date);
 
 }  // namespace detail
 }  // namespace date

@@ -22,6 +22,8 @@ void buildZonePath(const char* name, char (&path)[kZonePathSize]);
 // Reads the whole file at path in one read and parses it into tzi. True if
 // stat, open or read fail, the size is 0, the read is short, the buffer
 // can't be allocated, or the parser refuses the bytes; false otherwise.
+// std::bad_alloc from the parser passes out, with the records made so far in
+// tzi.
 bool loadTzifFile(const char* path, TziMap& tzi);
 
 }  // namespace detail

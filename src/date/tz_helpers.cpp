@@ -1,70 +1,11 @@
-// The zone helpers and the layer that reads a zone file for the parser.
-#include <fcntl.h>
+// The zone helpers: the year-to-record lookup and the helpers that load a zone.
 #include <limits.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <new>
 
 #include "date/tz_file.h"
 #include "date/tzif_parser.h"
 #include "zelkit3/timezone.h"
-
-namespace zelkit3 {
-namespace date {
-namespace detail {
-
-void buildZonePath(const char* name, char (&path)[kZonePathSize]) {
-  if (name == nullptr) {
-    static const char kLocalZone[] = "/etc/localtime";
-    static_assert(sizeof kLocalZone <= kZonePathSize, "the local zone's path fits");
-    memcpy(path, kLocalZone, sizeof kLocalZone);
-    return;
-  }
-  static const char kZoneDir[] = "/usr/share/zoneinfo/";
-  memcpy(path, kZoneDir, sizeof kZoneDir - 1);
-  // strnlen: a long name is never read past its 129th character.
-  const size_t length = strnlen(name, kMaxZoneNameLength);
-  memcpy(path + sizeof kZoneDir - 1, name, length);
-  path[sizeof kZoneDir - 1 + length] = '\0';
-}
-
-bool loadTzifFile(const char* path, TziMap& tzi) {
-  struct stat st;
-  if (stat(path, &st) != 0 || st.st_size <= 0) return true;
-  const int fd = open(path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return true;
-  const size_t size = static_cast<size_t>(st.st_size);
-  // A failed allocation is treated like a failed read.
-  unsigned char* buffer = new (std::nothrow) unsigned char[size];
-  if (buffer == nullptr) {
-    close(fd);
-    return true;
-  }
-  const ssize_t got = read(fd, buffer, size);
-  close(fd);
-  // A short read (the file shrank after stat) leaves the end of the buffer
-  // undefined; it is treated like a failed read.
-  if (got < 0 || static_cast<size_t>(got) != size) {
-    delete[] buffer;
-    return true;
-  }
-  bool result;
-  try {
-    result = parseTzif(buffer, size, tzi);
-  } catch (...) {
-    delete[] buffer;
-    throw;
-  }
-  delete[] buffer;
-  return result;
-}
-
-}  // namespace detail
-}  // namespace date
-}  // namespace zelkit3
 
 using zelkit3::date::detail::TziMap;
 

@@ -1,7 +1,7 @@
 // TZif bytes in, yearly rule records out. Internal: never installed.
 //
 // The parser reads nothing but its buffer, so tests and the fuzzer feed it
-// bytes directly; tz_helpers.cpp is the thin layer that reads the file.
+// bytes directly; tz_file.cpp is the thin layer that reads the file.
 #ifndef ZELKIT3_SRC_DATE_TZIF_PARSER_H
 #define ZELKIT3_SRC_DATE_TZIF_PARSER_H
 

@@ -63,16 +63,14 @@ double TransitionToOleTime(const _SYSTEMTIME* rule, unsigned short year) {
 }
 
 bool IsDaylightTime(const _TIME_ZONE_INFORMATION* tz, bool isUTC, double date) {
-  if (tz->DaylightBias == 0 && tz->StandardBias == 0) return false;
-  _SYSTEMTIME st;
   // No decodable year, no rules: the conversion itself is refused then too.
-  if (!detail::decodeSerial(date, &st)) return false;
-  return detail::isDaylightInYear(tz, isUTC, date, st.wYear);
+  return detail::isDaylightInYear(tz, isUTC, date, detail::decodedYear(date));
 }
 
 bool detail::isDaylightInYear(const _TIME_ZONE_INFORMATION* tz, bool isUTC, double date,
                               unsigned short year) {
   if (tz->DaylightBias == 0 && tz->StandardBias == 0) return false;
+  if (year == 0) return false;  // no year, no rules to evaluate
   const double begin = TransitionToOleTime(&tz->DaylightDate, year);
   const double end = TransitionToOleTime(&tz->StandardDate, year);
   double t = date, u = date;
@@ -86,10 +84,12 @@ bool detail::isDaylightInYear(const _TIME_ZONE_INFORMATION* tz, bool isUTC, doub
   return (inside || fabs(t - begin) < kHalfSecond) && fabs(u - end) >= kHalfSecond;
 }
 
-int detail::convertSerial(const _TIME_ZONE_INFORMATION* tz, double d, unsigned short year,
-                          bool toUTC, double* out) {
-  const double shift = shiftOf(tz, detail::isDaylightInYear(tz, !toUTC, d, year));
-  return detail::truncateSerial(toUTC ? d + shift : d - shift, out);
+double detail::shiftLeg(const _TIME_ZONE_INFORMATION* tz, double d, unsigned short year,
+                        bool toUTC) {
+  // The date's own clock decides the period: wall clock going to UTC, UTC
+  // coming from it.
+  const double shift = shiftOf(tz, isDaylightInYear(tz, !toUTC, d, year));
+  return toUTC ? d + shift : d - shift;
 }
 
 namespace {
@@ -98,8 +98,8 @@ int convert(_TIME_ZONE_INFORMATION* tz, _SYSTEMTIME* in, _SYSTEMTIME* out, bool 
   if (tz == nullptr || in == nullptr || out == nullptr) return 0;
   double d;
   if (!detail::encodeSerial(in, &d)) return 0;
-  const double shift = shiftOf(tz, IsDaylightTime(tz, !toUTC, d));
-  return detail::decodeSerial(toUTC ? d + shift : d - shift, out);
+  // The rules of the year that d decodes to, as IsDaylightTime takes them.
+  return detail::decodeSerial(detail::shiftLeg(tz, d, detail::decodedYear(d), toUTC), out);
 }
 
 }  // namespace

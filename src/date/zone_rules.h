@@ -20,16 +20,19 @@ bool IsDaylightTime(const _TIME_ZONE_INFORMATION* tz, bool isUTC, double date);
 
 namespace detail {
 
-// IsDaylightTime for a date whose decoded year the caller already has.
+// IsDaylightTime for a date whose decoded year the caller already has; year
+// 0 stands for a date that decoding refuses, which is in no daylight period.
 bool isDaylightInYear(const _TIME_ZONE_INFORMATION* tz, bool isUTC, double date,
                       unsigned short year);
 
-// One leg of a zone conversion on a serial: what converting the decoded
-// record with tz and encoding the result gives, bit for bit. d is a serial
-// already truncated to the millisecond (truncateSerialWithYear) and year its
-// decoded year. Returns 0 (out untouched) where the record conversion fails.
-int convertSerial(const _TIME_ZONE_INFORMATION* tz, double d, unsigned short year, bool toUTC,
-                  double* out);
+// The one conversion leg behind TzSpecificLocalTimeToUTCTime,
+// UTCTimeToTzSpecificLocalTime and DateConvertTz: the serial d, on tz's wall
+// clock if toUTC and in UTC otherwise, moved to the other clock by the biases
+// of the period it lies in under the rules of year, its decoded year (0 if it
+// has none). The result is neither range-checked nor truncated: the record
+// conversions decode it, DateConvertTz truncates it to the millisecond, which
+// gives the same serial as decoding and encoding again.
+double shiftLeg(const _TIME_ZONE_INFORMATION* tz, double d, unsigned short year, bool toUTC);
 
 }  // namespace detail
 

@@ -190,6 +190,19 @@ TEST(ZoneRules, HostileBiasesDoNotOverflow) {
   EXPECT_EQ("0001-01-01 00:00:00.000", show(out));
 }
 
+TEST(ZoneRules, AnInputWithoutADecodableYearConvertsByStandardTime) {
+  // Daylight time from October to April, five hours behind UTC.
+  _TIME_ZONE_INFORMATION tz = zone(300, -60, relativeRule(10, 0, 1, 2), relativeRule(4, 0, 1, 3));
+  _SYSTEMTIME in = makeTime(9999, 12, 30, 2), out;
+  ASSERT_EQ(1, UTCTimeToTzSpecificLocalTime(&tz, &in, &out));
+  EXPECT_EQ("9999-12-29 22:00:00.000", show(out));
+  // Past 9999-12-31 00:00 the input has no year, hence no rules: the
+  // standard bias alone brings it back into range.
+  in = makeTime(9999, 12, 31, 2);
+  ASSERT_EQ(1, UTCTimeToTzSpecificLocalTime(&tz, &in, &out));
+  EXPECT_EQ("9999-12-30 21:00:00.000", show(out));
+}
+
 TEST(ZoneRules, FailuresLeaveTheOutputAlone) {
   _TIME_ZONE_INFORMATION tz = newYork();
   _SYSTEMTIME good = makeTime(2010, 7, 1), bad = makeTime(2010, 2, 30);
