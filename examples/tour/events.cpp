@@ -28,8 +28,9 @@ int events() {
 
   void* both[] = {ready, done};
   const unsigned long any = WaitForMultipleObjects(2, both, 0, 50);
-  std::printf("   wait for any after the auto-reset event was consumed: %s\n",
-              any == WAIT_TIMEOUT ? "WAIT_TIMEOUT" : "signalled");
+  std::printf("   wait for any after the auto-reset event was consumed: %s%s\n",
+              any == WAIT_TIMEOUT ? "WAIT_TIMEOUT" : "signalled",
+              any == WAIT_TIMEOUT ? " (expected: nothing is signalled now)" : "");
   SetEvent(done);
   const unsigned long second = WaitForMultipleObjects(2, both, 0, 5000);
   std::printf("   after SetEvent(done): WAIT_OBJECT_0 + %lu\n", second - WAIT_OBJECT_0);

@@ -44,7 +44,8 @@ int rwlock() {
     }
     if (read(ready[0], &c, 1) != 1) c = 0;
     busy = lock.lockWrite(0);
-    std::printf("   child %d holds the write lock; our lockWrite(0) gives %d (not done)\n",
+    std::printf("   child %d holds the write lock; our lockWrite(0) gives %d (not done):\n"
+                "   refused, as expected while another process holds it\n",
                 static_cast<int>(child), busy);
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
