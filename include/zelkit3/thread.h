@@ -83,10 +83,10 @@ class ZK3_API AThread {
   // the new thread has entered its entry routine. True if a thread runs when
   // it returns; false if the thread could not be created (nothing changed).
   bool start();
-  // Waits up to timeoutMs (INFINITE: no limit; 0: poll) for the thread to
-  // end. True if it has ended, never ran, or is the caller itself; false on
-  // time-out. Must not be called from a derived destructor's thread while the
-  // object is being destroyed.
+  // Waits up to timeoutMs (INFINITE, and on x86_64 every value above it: no
+  // limit; 0: poll) for the thread to end. True if it has ended, never ran,
+  // or is the caller itself; false on time-out. Must not be called from a
+  // derived destructor's thread while the object is being destroyed.
   bool join(unsigned long timeoutMs);
   // Whether the thread was started, has not been cleaned up, and still exists.
   bool isRunning() const;

@@ -82,8 +82,9 @@ ZK3_API int PulseEvent(void* event);
 ZK3_API int CloseHandle(void* handle);
 
 // Blocks until the event is signalled (WAIT_OBJECT_0; an auto-reset event is
-// consumed) or timeoutMs milliseconds pass (WAIT_TIMEOUT). INFINITE never
-// expires; 0 polls. Finite time-outs are exact up to 0xFFFFFFFE ms.
+// consumed) or timeoutMs milliseconds pass (WAIT_TIMEOUT). INFINITE (on
+// x86_64 also every value above it) never expires; 0 polls. Finite time-outs
+// are exact up to 0xFFFFFFFE ms.
 ZK3_API unsigned long WaitForSingleObject(void* handle, unsigned long timeoutMs);
 
 // waitAll != 0: waits for each handle in turn within one overall time-out;
