@@ -158,7 +158,7 @@ TEST_F(LockingTest, WriterTimesOutAtTheDeadlineAndGivesTheGateBack) {
     EXPECT_FALSE(lock->lockWrite(timeout)) << timeout;
     const long long took = rwtest::wallMs() - start;
     EXPECT_GE(took, static_cast<long long>(timeout)) << timeout;
-    EXPECT_LT(took, 5000 * rwtest::kScale) << timeout;
+    EXPECT_LT(took, 5000 * zk3test::kTimeScale) << timeout;
     EXPECT_EQ((State{{1, kN - 1}}), state()) << timeout;
   }
   done.post();
@@ -218,7 +218,7 @@ TEST_F(LockingTest, BlockedReaderGetsInWhenTheWriterTimesOut) {
   const std::string p = path;
   Child writer([&, p] {
     UnixSharedRWLock l(p.c_str());
-    const bool got = l.lockWrite(500 * rwtest::kScale);
+    const bool got = l.lockWrite(500 * zk3test::kTimeScale);
     timedOut.post();
     return got ? 1 : 0;
   });

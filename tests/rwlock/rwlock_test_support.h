@@ -30,7 +30,6 @@
 
 namespace rwtest {
 
-constexpr int kScale = zk3test::kTimeScale;
 constexpr int kN = 10000;  // gReadersCount as the library has it.
 
 // Milliseconds on the clock the lock uses for its deadlines.
@@ -64,7 +63,7 @@ inline bool setExists(const std::string& path) { return setIdOf(keyOf(path)) != 
 // that another process reached a blocking wait, which has no other signal.
 inline bool waitForValues(const std::string& path,
                           const std::function<bool(const std::array<int, 3>&)>& pred,
-                          int ms = 5000 * kScale) {
+                          int ms = 5000 * zk3test::kTimeScale) {
   const long long end = wallMs() + ms;
   for (;;) {
     if (pred(semValues(path))) return true;
@@ -75,7 +74,8 @@ inline bool waitForValues(const std::string& path,
 
 // Waits until at least `count` processes block in semop on semaphore `num`
 // of the set of `path` (the kernel's GETNCNT / GETZCNT).
-inline bool waitForWaiters(const std::string& path, int num, int count, int ms = 5000 * kScale) {
+inline bool waitForWaiters(const std::string& path, int num, int count,
+                           int ms = 5000 * zk3test::kTimeScale) {
   const long long end = wallMs() + ms;
   for (;;) {
     const int id = setIdOf(keyOf(path));
@@ -101,7 +101,7 @@ inline int openDescriptors() {
 // ctest would kill it.
 class LockDir {
  public:
-  static constexpr unsigned kWatchdogSeconds = 25 * kScale;
+  static constexpr unsigned kWatchdogSeconds = 25 * zk3test::kTimeScale;
 
   LockDir() : mDir("zk3rwlock") {
     current() = this;
@@ -168,7 +168,7 @@ class Signal {
   Signal& operator=(const Signal&) = delete;
   void post(char value = 1) { (void)!write(mFds[1], &value, 1); }
   // The next posted value, or -1 when none came within `ms`.
-  int wait(int ms = 5000 * kScale) {
+  int wait(int ms = 5000 * zk3test::kTimeScale) {
     pollfd p{mFds[0], POLLIN, 0};
     if (poll(&p, 1, ms) != 1) return -1;
     char value = 0;

@@ -184,11 +184,11 @@ TEST(RWLockStress, RandomHoldsAndKillsKeepMutualExclusion) {
             Worker(shared, i, path, childSeed).run();
             return 0;
           },
-          std::chrono::seconds(20 * rwtest::kScale)));
+          std::chrono::seconds(20 * zk3test::kTimeScale)));
     };
     for (int i = 0; i < kProcs; ++i) launch(i);
 
-    const long long end = start + 15000LL * rwtest::kScale;  // inside the watchdog
+    const long long end = start + 15000LL * zk3test::kTimeScale;  // inside the watchdog
     while (shared->ops.load() < kTargetOps && rwtest::wallMs() < end) {
       usleep(1000 + random() % 3000);  // pacing of the killer, not synchronisation
       const int i = static_cast<int>(random() % kProcs);
@@ -208,7 +208,7 @@ TEST(RWLockStress, RandomHoldsAndKillsKeepMutualExclusion) {
     }
     shared->stop.store(1);
     for (int i = 0; i < kProcs; ++i) {
-      EXPECT_EQ(0, children[i]->wait(std::chrono::milliseconds(5000 * rwtest::kScale)))
+      EXPECT_EQ(0, children[i]->wait(std::chrono::milliseconds(5000 * zk3test::kTimeScale)))
           << "worker " << i << " hung; " << children[i]->describe();
     }
     EXPECT_EQ((std::array<int, 3>{{1, kN, 1}}), rwtest::semValues(path))

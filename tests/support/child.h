@@ -34,8 +34,8 @@ namespace zk3test {
 
 // How the child leaves once its body has returned.
 enum class ChildExit {
-  kImmediate,          // _exit: no exit handlers, no unload, no flush
-  kRunExitHandlers,    // exit: handlers, static destructors and the library's unload run
+  kImmediate,        // _exit: no exit handlers, no unload, no flush
+  kRunExitHandlers,  // exit: handlers, static destructors and the library's unload run
 };
 
 // How a child ended.
@@ -100,8 +100,7 @@ class Child {
       void (*volatile leave)(int) = how == ChildExit::kImmediate ? _exit : exit;
       leave(code);
     }
-    if (mPid < 0) mResult.end = ChildResult::End::kNotStarted;
-    else mResult.end = ChildResult::End::kRunning;
+    mResult.end = mPid < 0 ? ChildResult::End::kNotStarted : ChildResult::End::kRunning;
 #ifdef SYS_pidfd_open
     if (mPid > 0) mPidFd = static_cast<int>(syscall(SYS_pidfd_open, mPid, 0));
 #endif
@@ -218,7 +217,8 @@ template <class Body>
 ChildResult runInChild(Body body, ChildExit how = ChildExit::kImmediate,
                        std::chrono::milliseconds bound = scaled(20000)) {
   Child child(std::move(body),
-              std::chrono::duration_cast<std::chrono::seconds>(bound) + std::chrono::seconds(1), how);
+              std::chrono::duration_cast<std::chrono::seconds>(bound) + std::chrono::seconds(1),
+              how);
   child.wait(bound);
   return child.result();
 }

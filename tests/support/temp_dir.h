@@ -47,8 +47,8 @@ class TempDir {
   // The folder's name starts with "<prefix>-".
   explicit TempDir(const std::string& prefix = "zk3") {
     const char* base = std::getenv("TMPDIR");
-    std::string templ = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/" +
-                        prefix + "-XXXXXX";
+    std::string templ =
+        std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/" + prefix + "-XXXXXX";
     if (mkdtemp(&templ[0]) == nullptr) {
       std::perror(templ.c_str());
       std::abort();
