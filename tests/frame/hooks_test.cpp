@@ -50,8 +50,8 @@ struct Library {
     f = module.symbol<F>(name);
   }
   bool complete() const {
-    return module.opened() && atLoad && atUnload && createEvent && openEvent && setEvent && closeHandle &&
-           wait && factoryUsers && createPool && startTask && releasePool;
+    return module.opened() && atLoad && atUnload && createEvent && openEvent && setEvent &&
+           closeHandle && wait && factoryUsers && createPool && startTask && releasePool;
   }
   // An auto-reset event can be made, set, waited for and closed.
   bool eventsWork() const {
