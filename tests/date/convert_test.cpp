@@ -1,4 +1,5 @@
 // Conversion of serial dates between zones.
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -10,6 +11,7 @@
 #include <string>
 
 #include "date_test_util.h"
+#include "support/temp_dir.h"
 #include "tzif_builder.h"
 #include "zelkit3/date.h"
 
@@ -110,8 +112,9 @@ TEST(DateConvertTz, EachLegUsesTheYearOfItsOwnInput) {
   zk3test::TzifImage image;
   image.types = {{3600, false}, {7200, false}};
   image.transitions = {{1262304000, 0}, {1293840000, 1}};  // 2010-01-01, 2011-01-01
-  char path[] = "/tmp/zk3_date_legs_XXXXXX";
-  const int fd = mkstemp(path);
+  const zk3test::TempDir dir("zk3_date_legs");
+  const std::string path = dir.path("zone");
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
   ASSERT_GE(fd, 0);
   const std::vector<unsigned char> bytes = image.bytes();
   ASSERT_EQ(static_cast<ssize_t>(bytes.size()), write(fd, bytes.data(), bytes.size()));
@@ -122,7 +125,6 @@ TEST(DateConvertTz, EachLegUsesTheYearOfItsOwnInput) {
   const double d = serialOf(2010, 12, 31, 20);
   EXPECT_EQ("2011-01-01 03:00:00.000", showSerial(DateConvertTz(d, "EST", name.c_str())));
   EXPECT_EQ("2011-01-01 03:00:00.000", showSerial(DateConvertTz(d, "America/New_York", name.c_str())));
-  unlink(path);
 }
 
 }  // namespace

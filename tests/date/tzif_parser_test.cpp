@@ -14,6 +14,7 @@
 #include "date/tz_file.h"
 #include "date/tzif_parser.h"
 #include "date_test_util.h"
+#include "support/temp_dir.h"
 #include "tzif_builder.h"
 #include "zelkit3/timezone.h"
 
@@ -292,31 +293,22 @@ TEST(TzifParser, ExtremeOffsetsStayWithinTheirTypes) {
 // Files for the reading layer, in a unique temporary directory.
 class TzifFile : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/zk3_date_XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(pattern));
-    dir_ = pattern;
-  }
-  void TearDown() override {
-    for (const std::string& f : files_) unlink(f.c_str());
-    rmdir(dir_.c_str());
-  }
+  TzifFile() : tmp_("zk3_date"), dir_(tmp_.root()) {}
   std::string write(const std::string& name, const std::vector<unsigned char>& bytes) {
-    const std::string path = dir_ + "/" + name;
+    const std::string path = tmp_.path(name);
     FILE* f = std::fopen(path.c_str(), "wb");
     EXPECT_NE(nullptr, f);
     if (f == nullptr) return path;
     if (!bytes.empty()) std::fwrite(bytes.data(), 1, bytes.size(), f);
     std::fclose(f);
-    files_.push_back(path);
     return path;
   }
   // The name that reaches path from the zone directory: names are not
   // examined, so "../.." leads out of it.
   static std::string zoneName(const std::string& path) { return "../../.." + path; }
 
+  zk3test::TempDir tmp_;
   std::string dir_;
-  std::vector<std::string> files_;
 };
 
 TEST_F(TzifFile, ReadsAFileByName) {

@@ -11,12 +11,12 @@
 #include <string>
 #include <thread>
 
-#include "filesystem/temp_tree.h"
+#include "support/temp_dir.h"
 #include "zelkit3/filesystem.h"
 
 using namespace zelkit3;
 using zk3test::exists;
-using zk3test::TempTree;
+using zk3test::TempDir;
 
 namespace {
 
@@ -45,7 +45,7 @@ void touchAt(int fd, const std::string& name) {
 }
 
 TEST(GetFileStatus, Table) {
-  TempTree tree;
+  TempDir tree;
   tree.folder("d");
   tree.file("f");
   ASSERT_EQ(0, symlink("d", tree.path("dirlink").c_str()));
@@ -71,7 +71,7 @@ TEST(GetFileStatus, Table) {
 }
 
 TEST(DeleteInternals, ReportEveryFailure) {
-  TempTree tree;
+  TempDir tree;
   tree.folder("d");
   tree.file("d/f");
   int error = kUntouched;
@@ -90,7 +90,7 @@ TEST(DeleteInternals, ReportEveryFailure) {
 }
 
 TEST(DeleteDirectory, SimpleShapes) {
-  TempTree tree;
+  TempDir tree;
   tree.folder("empty");
   int error = kUntouched;
   EXPECT_TRUE(FileSystemUtils::deleteDirectory(tree.path("empty").c_str(), &error));
@@ -113,7 +113,7 @@ TEST(DeleteDirectory, SimpleShapes) {
 }
 
 TEST(DeleteDirectory, LinkToADirectoryIsRemovedNotFollowed) {
-  TempTree tree;
+  TempDir tree;
   tree.folder("target");
   tree.file("target/keep");
   ASSERT_EQ(0, symlink(tree.path("target").c_str(), tree.path("link").c_str()));
@@ -124,7 +124,7 @@ TEST(DeleteDirectory, LinkToADirectoryIsRemovedNotFollowed) {
 }
 
 TEST(DeleteDirectory, LinksInsideTheTreeAreUnlinked) {
-  TempTree tree;
+  TempDir tree;
   tree.folder("outside");
   tree.file("outside/keep");
   tree.folder("t");
@@ -140,7 +140,7 @@ TEST(DeleteDirectory, LinksInsideTheTreeAreUnlinked) {
 }
 
 TEST(DeleteDirectory, DeepTreeOfTenThousandFiles) {
-  TempTree tree;
+  TempDir tree;
   const int levels = 300;
   const int filesPerLevel = 33;
   int fd = open(tree.root().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -167,7 +167,7 @@ TEST(DeleteDirectory, DeepTreeOfTenThousandFiles) {
 // path beyond PATH_MAX: lstat gives ENAMETOOLONG, the child is passed over and
 // the final rmdir finds its folder not empty.
 TEST(DeleteDirectory, ChildWhoseStatusCannotBeReadIsPassedOver) {
-  TempTree tree;
+  TempDir tree;
   // root + 16 * 251 characters stays below 4096; one more name goes beyond.
   const int fd = makeChain(tree.root(), kLongName, 16);
   ASSERT_GE(fd, 0);
@@ -187,7 +187,7 @@ TEST(DeleteDirectory, ChildWhoseStatusCannotBeReadIsPassedOver) {
 }
 
 TEST(DeleteDirectory, FailuresStopTheWalk) {
-  TempTree tree;
+  TempDir tree;
   tree.file("file");
   int error = kUntouched;
   // A status that no longer fits the path: the folder cannot be opened.
@@ -214,7 +214,7 @@ TEST(DeleteDirectory, FailuresStopTheWalk) {
 // another deletes the tree: whatever the interleaving, the walk never enters
 // the link, and a second delete finishes the job.
 TEST(DeleteDirectory, TreeChangingDuringTheWalkNeverLeadsOutside) {
-  TempTree tree;
+  TempDir tree;
   tree.folder("victim");
   for (int i = 0; i < 20; ++i) tree.file("victim/keep" + std::to_string(i));
   const int rounds = 10;

@@ -9,11 +9,11 @@
 
 #include <string>
 
-#include "filesystem/temp_tree.h"
+#include "support/temp_dir.h"
 
 using zelkit3::FileSystemUtils;
 using zk3test::exists;
-using zk3test::TempTree;
+using zk3test::TempDir;
 
 namespace {
 
@@ -36,7 +36,7 @@ TEST(GetFolderFromFilePath, Table) {
 }
 
 TEST(GetFullPath, ResolvesDotsAndLinks) {
-  TempTree tree;
+  TempDir tree;
   const std::string real = FileSystemUtils::getFullPath(tree.root().c_str());  // /tmp may be a link
   ASSERT_FALSE(real.empty());
   tree.folder("d");
@@ -50,7 +50,7 @@ TEST(GetFullPath, ResolvesDotsAndLinks) {
 }
 
 TEST(GetFileFromFilePath, NeedsAnExistingPath) {
-  TempTree tree;
+  TempDir tree;
   tree.folder("d");
   tree.file("d/target");
   ASSERT_EQ(0, symlink("d/target", tree.path("link").c_str()));
@@ -67,7 +67,7 @@ TEST(GetFileFromFilePath, NeedsAnExistingPath) {
 
 // Runs body in the tree's root as working directory, for relative paths.
 template <typename Body>
-void inFolder(const TempTree& tree, Body body) {
+void inFolder(const TempDir& tree, Body body) {
   char previous[PATH_MAX];
   ASSERT_NE(nullptr, getcwd(previous, sizeof previous));
   ASSERT_EQ(0, chdir(tree.root().c_str()));
@@ -76,7 +76,7 @@ void inFolder(const TempTree& tree, Body body) {
 }
 
 TEST(CreateDirectory, MakesOnlyNamesFollowedByASeparator) {
-  TempTree tree;
+  TempDir tree;
   inFolder(tree, [] {
     EXPECT_TRUE(FileSystemUtils::createDirectory("abc"));
     EXPECT_FALSE(exists("abc"));
@@ -94,7 +94,7 @@ TEST(CreateDirectory, MakesOnlyNamesFollowedByASeparator) {
 }
 
 TEST(CreateDirectory, AbsoluteChainsAndMode) {
-  TempTree tree;
+  TempDir tree;
   const std::string chain = tree.path("p/q/r/");
   EXPECT_TRUE(FileSystemUtils::createDirectory(chain.c_str()));
   struct stat info;
@@ -109,7 +109,7 @@ TEST(CreateDirectory, AbsoluteChainsAndMode) {
 }
 
 TEST(CreateDirectory, Failures) {
-  TempTree tree;
+  TempDir tree;
   EXPECT_FALSE(FileSystemUtils::createDirectory(nullptr));
   EXPECT_FALSE(FileSystemUtils::createDirectory(""));
   tree.file("file");
@@ -122,7 +122,7 @@ TEST(CreateDirectory, Failures) {
 }
 
 TEST(DeleteFile, Results) {
-  TempTree tree;
+  TempDir tree;
   tree.file("f");
   tree.folder("d");
   int error = -7;

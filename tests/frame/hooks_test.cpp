@@ -1,14 +1,11 @@
 // The load and unload hooks, seen from a program that opens and closes the
 // library at run time (this executable does not link it).
-#include <dlfcn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstdlib>
 
+#include "frame/dl_module.h"
+#include "support/child.h"
 #include "zelkit3/thread_pool.h"
 #include "zelkit3/win_emul.h"
 
@@ -20,7 +17,7 @@ namespace {
 // The library's entry points, looked up by their mangled names: these are
 // also the names separately compiled callers link against.
 struct Library {
-  void* handle = nullptr;
+  zk3test::DlModule module{ZK3_LIBRARY_FILE, RTLD_NOW | RTLD_LOCAL};
   void (*atLoad)() = nullptr;
   void (*atUnload)() = nullptr;
   void* (*createEvent)(_SECURITY_ATTRIBUTES*, int, int, const wchar_t*) = nullptr;
@@ -34,8 +31,7 @@ struct Library {
   void (*releasePool)(zelkit3::ThreadPool*) = nullptr;
 
   Library() {
-    handle = dlopen(ZK3_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
-    if (handle == nullptr) return;
+    if (!module.opened()) return;
     load(atLoad, "_Z13ZelKit3AtLoadv");
     load(atUnload, "_Z15ZelKit3AtUnloadv");
     load(createEvent, "_ZN7zelkit38win_emul12CreateEventWEP20_SECURITY_ATTRIBUTESiiPKw");
@@ -47,18 +43,15 @@ struct Library {
     load(startTask, "_ZN7zelkit310ThreadPool5startEPNS_9IRunnableE");
     load(releasePool, "_ZN7zelkit310ThreadPool7releaseEv");
     // The count's low 32 bits, whatever the width of its type.
-    factoryUsers = static_cast<const std::uint32_t*>(dlsym(handle, "_ZN26HistoricalTZHelpersFactory7s_dwRefE"));
-  }
-  ~Library() {
-    if (handle != nullptr) dlclose(handle);
+    factoryUsers = module.symbol<const std::uint32_t*>("_ZN26HistoricalTZHelpersFactory7s_dwRefE");
   }
   template <class F>
   void load(F& f, const char* name) {
-    f = reinterpret_cast<F>(dlsym(handle, name));
+    f = module.symbol<F>(name);
   }
   bool complete() const {
-    return handle && atLoad && atUnload && createEvent && openEvent && setEvent && closeHandle &&
-           wait && factoryUsers && createPool && startTask && releasePool;
+    return module.opened() && atLoad && atUnload && createEvent && openEvent && setEvent &&
+           closeHandle && wait && factoryUsers && createPool && startTask && releasePool;
   }
   // An auto-reset event can be made, set, waited for and closed.
   bool eventsWork() const {
@@ -69,11 +62,7 @@ struct Library {
   }
 };
 
-bool isLoaded() {
-  void* h = dlopen(ZK3_LIBRARY_PATH, RTLD_NOW | RTLD_NOLOAD);
-  if (h != nullptr) dlclose(h);
-  return h != nullptr;
-}
+bool isLoaded() { return zk3test::isLoaded(ZK3_LIBRARY_FILE); }
 
 TEST(Hooks, LoadingBringsTheLibraryUpAndClosingTakesItAway) {
   ASSERT_FALSE(isLoaded());
@@ -123,30 +112,29 @@ TEST(Hooks, EventsOfTheTimeBeforeAnUnloadStayUsableButAreForgotten) {
 
 // Exits in a child with the library still open, so that the runtime runs the
 // library's static destructors before its unload hook.
-int exitStatusOf(void (*child)(Library&)) {
-  const pid_t pid = fork();
-  if (pid == 0) {
-    alarm(30);
-    Library lib;
-    if (!lib.complete()) _exit(90);
-    child(lib);
-    lib.handle = nullptr;  // stays open
-    std::exit(0);
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+zk3test::ChildResult exitOf(void (*child)(Library&)) {
+  return zk3test::runInChild(
+      [child] {
+        Library lib;
+        if (!lib.complete()) return 90;
+        child(lib);
+        lib.module.keepOpen();
+        return 0;
+      },
+      zk3test::ChildExit::kRunExitHandlers, std::chrono::seconds(30));
 }
 
 TEST(Hooks, ProcessExitsCleanlyWithTheLibraryStillLoaded) {
-  EXPECT_EQ(exitStatusOf([](Library&) {}), 0);
-  EXPECT_EQ(exitStatusOf([](Library& lib) {
-              // Nothing closes an event left open at exit; that is no leak of ours.
-              void* e = lib.createEvent(nullptr, 0, 1, L"left open");
-              if (__lsan_ignore_object) __lsan_ignore_object(e);
-            }),
-            0);
-  EXPECT_EQ(exitStatusOf([](Library& lib) { lib.atUnload(); }), 0);
+  zk3test::ChildResult r = exitOf([](Library&) {});
+  EXPECT_EQ(r.status(), 0) << r.describe();
+  r = exitOf([](Library& lib) {
+    // Nothing closes an event left open at exit; that is no leak of ours.
+    void* e = lib.createEvent(nullptr, 0, 1, L"left open");
+    if (__lsan_ignore_object) __lsan_ignore_object(e);
+  });
+  EXPECT_EQ(r.status(), 0) << r.describe();
+  r = exitOf([](Library& lib) { lib.atUnload(); });
+  EXPECT_EQ(r.status(), 0) << r.describe();
 }
 
 // A task whose code lives in this program, not in the library.
@@ -162,26 +150,24 @@ class NoOpTask : public zelkit3::IRunnable {
 // or they would run on in unmapped pages. Many rounds in a child, since the
 // window is short: a crash shows as a signal.
 TEST(Hooks, UnloadRightAfterAnAsynchronousPoolEnd) {
-  const pid_t pid = fork();
-  if (pid == 0) {
-    alarm(60);
-    for (int round = 0; round < 100; ++round) {
-      NoOpTask task;
-      {
-        Library lib;
-        if (!lib.complete()) _exit(90);
-        zelkit3::ThreadPool* pool = lib.createPool(4, false);
-        for (int i = 0; i < 16; ++i) lib.startTask(pool, &task);
-        lib.releasePool(pool);  // the asynchronous end: returns while tasks may run
-      }  // dlclose
-      if (isLoaded()) _exit(91);
-    }
-    _exit(0);
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  ASSERT_TRUE(WIFEXITED(status)) << "killed by signal " << WTERMSIG(status);
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+  const zk3test::ChildResult r = zk3test::runInChild(
+      [] {
+        for (int round = 0; round < 100; ++round) {
+          NoOpTask task;
+          {
+            Library lib;
+            if (!lib.complete()) return 90;
+            zelkit3::ThreadPool* pool = lib.createPool(4, false);
+            for (int i = 0; i < 16; ++i) lib.startTask(pool, &task);
+            lib.releasePool(pool);  // the asynchronous end: returns while tasks may run
+          }  // dlclose
+          if (isLoaded()) return 91;
+        }
+        return 0;
+      },
+      zk3test::ChildExit::kImmediate, std::chrono::seconds(60));
+  ASSERT_TRUE(r.end == zk3test::ChildResult::End::kExited) << r.describe();
+  EXPECT_EQ(r.code, 0) << r.describe();
 }
 
 }  // namespace

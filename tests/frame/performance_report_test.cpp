@@ -17,6 +17,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "support/temp_dir.h"
 #include "zelkit3/lifecycle.h"
 
 using zelkit3::PerformanceLogger;
@@ -29,18 +30,10 @@ static_assert(!std::is_constructible<PerformanceLogger>::value, "only getInstanc
 class Report : public ::testing::Test {
  protected:
   void SetUp() override {
-    char templ[] = "/tmp/zk3-perf-XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(templ));
-    mDir = templ;
     ASSERT_NE(nullptr, getcwd(mPrevious, sizeof mPrevious));
-    ASSERT_EQ(0, chdir(mDir.c_str()));
+    ASSERT_EQ(0, chdir(mDir.root().c_str()));
   }
-  void TearDown() override {
-    EXPECT_EQ(0, chdir(mPrevious));
-    unlink((mDir + "/performance.log").c_str());
-    rmdir((mDir + "/performance.log").c_str());
-    rmdir(mDir.c_str());
-  }
+  void TearDown() override { EXPECT_EQ(0, chdir(mPrevious)); }
 
   // The unload hook, then the load hook, so the library stays usable.
   static void unloadAndReload() {
@@ -63,7 +56,7 @@ class Report : public ::testing::Test {
     return text.substr(from, text.find("=====", from) - from);
   }
 
-  std::string mDir;
+  zk3test::TempDir mDir{"zk3-perf"};
   char mPrevious[PATH_MAX];
 };
 

@@ -11,7 +11,7 @@
 
 namespace {
 
-using rwtest::Child;
+using zk3test::Child;
 using rwtest::kN;
 using rwtest::Signal;
 using zelkit3::UnixSharedRWLock;
@@ -131,7 +131,7 @@ TEST_F(LockingTest, NoLimitValuesBlockInTheKernel) {
     EXPECT_TRUE(rwtest::waitForWaiters(path, 0, 1)) << timeout;
     lock->freeWrite();
     EXPECT_EQ(1, gotIt.wait()) << timeout;
-    EXPECT_EQ(0, reader.wait()) << timeout;
+    EXPECT_EQ(0, reader.wait()) << timeout << "; " << reader.describe();
   }
 }
 
@@ -145,7 +145,7 @@ TEST_F(LockingTest, ReadersOfOtherProcessesShareTheLock) {
   lock->freeRead();
   lock->freeRead();
   done.post();
-  EXPECT_EQ(0, child->wait());
+  EXPECT_EQ(0, child->wait()) << child->describe();
   EXPECT_EQ((State{{1, kN}}), state());
 }
 
@@ -158,11 +158,11 @@ TEST_F(LockingTest, WriterTimesOutAtTheDeadlineAndGivesTheGateBack) {
     EXPECT_FALSE(lock->lockWrite(timeout)) << timeout;
     const long long took = rwtest::wallMs() - start;
     EXPECT_GE(took, static_cast<long long>(timeout)) << timeout;
-    EXPECT_LT(took, 5000 * rwtest::kScale) << timeout;
+    EXPECT_LT(took, 5000 * zk3test::kTimeScale) << timeout;
     EXPECT_EQ((State{{1, kN - 1}}), state()) << timeout;
   }
   done.post();
-  EXPECT_EQ(0, child->wait());
+  EXPECT_EQ(0, child->wait()) << child->describe();
 }
 
 TEST_F(LockingTest, ReaderTimesOutWhileAWriteLockIsHeld) {
@@ -176,7 +176,7 @@ TEST_F(LockingTest, ReaderTimesOutWhileAWriteLockIsHeld) {
   EXPECT_FALSE(lock->upgradeToLockWrite(0)) << "no read lock in force";
   EXPECT_EQ((State{{0, 0}}), state());
   done.post();
-  EXPECT_EQ(0, child->wait());
+  EXPECT_EQ(0, child->wait()) << child->describe();
   EXPECT_EQ((State{{1, kN}}), state());
 }
 
@@ -203,7 +203,7 @@ TEST_F(LockingTest, WriterAtTheGateKeepsNewReadersOut) {
   ASSERT_EQ(1, gotIt.wait());
   EXPECT_EQ((State{{0, 0}}), state());
   release.post();
-  EXPECT_EQ(0, writer.wait());
+  EXPECT_EQ(0, writer.wait()) << writer.describe();
   EXPECT_TRUE(lock->lockRead(0));
   lock->freeRead();
 }
@@ -218,7 +218,7 @@ TEST_F(LockingTest, BlockedReaderGetsInWhenTheWriterTimesOut) {
   const std::string p = path;
   Child writer([&, p] {
     UnixSharedRWLock l(p.c_str());
-    const bool got = l.lockWrite(500 * rwtest::kScale);
+    const bool got = l.lockWrite(500 * zk3test::kTimeScale);
     timedOut.post();
     return got ? 1 : 0;
   });
@@ -228,9 +228,9 @@ TEST_F(LockingTest, BlockedReaderGetsInWhenTheWriterTimesOut) {
   EXPECT_EQ(1, timedOut.wait());
   EXPECT_EQ((State{{1, kN - 2}}), state());
   lock->freeRead();
-  EXPECT_EQ(0, writer.wait());
+  EXPECT_EQ(0, writer.wait()) << writer.describe();
   done.post();
-  EXPECT_EQ(0, reader->wait());
+  EXPECT_EQ(0, reader->wait()) << reader->describe();
 }
 
 TEST_F(LockingTest, UpgradeWaitsForTheOtherReadersAndKeepsTheReadLock) {
@@ -265,7 +265,7 @@ TEST_F(LockingTest, DowngradeLetsOtherReadersIn) {
   ASSERT_EQ(1, attached.wait());
   EXPECT_TRUE(lock->upgradeToLockRead(0));
   go.post();
-  EXPECT_EQ(0, reader.wait());
+  EXPECT_EQ(0, reader.wait()) << reader.describe();
   EXPECT_FALSE(lock->lockWrite(0)) << "our read hold still counts";
   lock->freeRead();
   EXPECT_EQ((State{{1, kN}}), state());
@@ -287,9 +287,9 @@ TEST_F(LockingTest, KilledWriterFreesTheLock) {
     return 0;
   });
   ASSERT_TRUE(rwtest::waitForWaiters(path, 0, 1));
-  EXPECT_TRUE(dying->killNow());
+  EXPECT_TRUE(dying->killNow()) << dying->describe();
   EXPECT_EQ(1, gotIt.wait());
-  EXPECT_EQ(0, waiter.wait());
+  EXPECT_EQ(0, waiter.wait()) << waiter.describe();
   EXPECT_EQ((Values{{1, kN, 1}}), rwtest::semValues(path));
 }
 
@@ -301,7 +301,7 @@ TEST_F(LockingTest, KilledReaderGivesItsSlotsBack) {
   ASSERT_EQ(1, held.wait());
   ASSERT_TRUE(lock->lockRead(0));
   EXPECT_EQ((State{{1, kN - 4}}), state());
-  EXPECT_TRUE(dying->killNow());
+  EXPECT_TRUE(dying->killNow()) << dying->describe();
   EXPECT_EQ((State{{1, kN - 1}}), state());
   lock->freeRead();
   EXPECT_TRUE(lock->lockWrite(0));
@@ -322,9 +322,9 @@ TEST_F(LockingTest, KilledReaderLetsAWaitingWriterIn) {
     return 0;
   });
   ASSERT_TRUE(rwtest::waitForWaiters(path, 1, 1));
-  EXPECT_TRUE(dying->killNow());
+  EXPECT_TRUE(dying->killNow()) << dying->describe();
   EXPECT_EQ(1, gotIt.wait());
-  EXPECT_EQ(0, writer.wait());
+  EXPECT_EQ(0, writer.wait()) << writer.describe();
   EXPECT_EQ((State{{1, kN}}), state());
 }
 
@@ -338,7 +338,7 @@ TEST_F(LockingTest, WriterKilledInStage2GivesTheGateBack) {
   });
   ASSERT_TRUE(rwtest::waitForWaiters(path, 1, 1));
   EXPECT_EQ((State{{0, kN - 1}}), state());
-  EXPECT_TRUE(writer.killNow());
+  EXPECT_TRUE(writer.killNow()) << writer.describe();
   EXPECT_EQ((State{{1, kN - 1}}), state());
   EXPECT_TRUE(lock->lockRead(0)) << "new readers get in at once";
   EXPECT_EQ((State{{1, kN - 2}}), state());
@@ -352,7 +352,7 @@ TEST_F(LockingTest, ProcessKilledAfterAnUpgradeFreesTheWriteLock) {
                       held, never);
   ASSERT_EQ(1, held.wait());
   EXPECT_EQ((State{{0, 0}}), state());
-  EXPECT_TRUE(dying->killNow());
+  EXPECT_TRUE(dying->killNow()) << dying->describe();
   EXPECT_EQ((State{{1, kN}}), state());
 }
 

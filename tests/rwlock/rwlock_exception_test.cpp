@@ -3,6 +3,7 @@
 #include <sys/time.h>
 #include <time.h>
 
+#include "support/sync.h"
 #include "zelkit3/rwlock.h"
 
 namespace {
@@ -104,7 +105,7 @@ TEST(Timeout, ExpiresOnceTheDeadlinePasses) {
   do {
     expired = isTimeoutExpired(deadline);
     clock_gettime(CLOCK_MONOTONIC, &now);
-  } while (!expired && now.tv_sec - start.tv_sec < 5 * ZK3_TEST_TIME_SCALE);
+  } while (!expired && now.tv_sec - start.tv_sec < 5 * zk3test::kTimeScale);
   EXPECT_TRUE(expired);
 }
 

@@ -1,7 +1,7 @@
-// Helpers for the multi-process tests of the cross-process lock: a private
-// temporary folder that removes its files and their semaphore sets, child
-// processes bounded by alarm(), pipe signals between processes, and a look
-// at the raw semaphore values.
+// Helpers for the multi-process tests of the cross-process lock: the kit's
+// temporary folder made to remove the semaphore sets of its files too, pipe
+// signals between processes, and a look at the raw semaphore values. Child
+// processes are the kit's.
 #ifndef ZELKIT3_TESTS_RWLOCK_SUPPORT_H
 #define ZELKIT3_TESTS_RWLOCK_SUPPORT_H
 
@@ -15,7 +15,6 @@
 #include <sys/sem.h>
 #include <sys/stat.h>
 #include <sys/time.h>
-#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -25,9 +24,12 @@
 #include <string>
 #include <vector>
 
+#include "support/child.h"
+#include "support/sync.h"
+#include "support/temp_dir.h"
+
 namespace rwtest {
 
-constexpr int kScale = ZK3_TEST_TIME_SCALE;
 constexpr int kN = 10000;  // gReadersCount as the library has it.
 
 // Milliseconds on the clock the lock uses for its deadlines.
@@ -61,7 +63,7 @@ inline bool setExists(const std::string& path) { return setIdOf(keyOf(path)) != 
 // that another process reached a blocking wait, which has no other signal.
 inline bool waitForValues(const std::string& path,
                           const std::function<bool(const std::array<int, 3>&)>& pred,
-                          int ms = 5000 * kScale) {
+                          int ms = 5000 * zk3test::kTimeScale) {
   const long long end = wallMs() + ms;
   for (;;) {
     if (pred(semValues(path))) return true;
@@ -72,7 +74,8 @@ inline bool waitForValues(const std::string& path,
 
 // Waits until at least `count` processes block in semop on semaphore `num`
 // of the set of `path` (the kernel's GETNCNT / GETZCNT).
-inline bool waitForWaiters(const std::string& path, int num, int count, int ms = 5000 * kScale) {
+inline bool waitForWaiters(const std::string& path, int num, int count,
+                           int ms = 5000 * zk3test::kTimeScale) {
   const long long end = wallMs() + ms;
   for (;;) {
     const int id = setIdOf(keyOf(path));
@@ -91,18 +94,16 @@ inline int openDescriptors() {
   return count;
 }
 
-// A private folder under /tmp. Its destructor removes the semaphore set of
-// every file in it (and of every remembered key), the files and the folder,
-// so a failing test leaves nothing behind either. A watchdog does the same
-// and ends the test process if a test hangs, before ctest would kill it.
+// The private folder of a test (the kit's), whose semaphore sets go with
+// it: the set of every file in it and of every remembered key is removed
+// before the folder, so a failing test leaves nothing behind either. A
+// watchdog does the same and ends the test process if a test hangs, before
+// ctest would kill it.
 class LockDir {
  public:
-  static constexpr unsigned kWatchdogSeconds = 25 * kScale;
+  static constexpr unsigned kWatchdogSeconds = 25 * zk3test::kTimeScale;
 
-  LockDir() {
-    char tmpl[] = "/tmp/zk3rwlock.XXXXXX";
-    const char* made = mkdtemp(tmpl);
-    mDir = made ? made : "";
+  LockDir() : mDir("zk3rwlock") {
     current() = this;
     struct sigaction sa = {};
     sa.sa_handler = &LockDir::onWatchdog;
@@ -113,13 +114,13 @@ class LockDir {
     alarm(0);
     signal(SIGALRM, SIG_DFL);
     current() = nullptr;
-    cleanUp();
+    removeSets();
   }
   LockDir(const LockDir&) = delete;
   LockDir& operator=(const LockDir&) = delete;
 
-  const std::string& dir() const { return mDir; }
-  std::string path(const std::string& name) const { return mDir + "/" + name; }
+  const std::string& dir() const { return mDir.root(); }
+  std::string path(const std::string& name) const { return mDir.path(name); }
   // Keeps a set on the list to remove, e.g. before its file is replaced and
   // the key of the path changes.
   void rememberKey(key_t key) { mKeys.insert(key); }
@@ -133,30 +134,23 @@ class LockDir {
   static void onWatchdog(int) {
     static const char text[] = "rwlock test: watchdog expired, cleaning up\n";
     (void)!write(2, text, sizeof text - 1);
-    if (current() != nullptr) current()->cleanUp();
+    if (current() != nullptr) {
+      current()->removeSets();
+      current()->mDir.remove();
+    }
     _exit(124);
   }
-  void cleanUp() {
+  void removeSets() {
     for (key_t key : mKeys) removeSetOfKey(key);
-    if (DIR* d = opendir(mDir.c_str())) {
+    if (DIR* d = opendir(dir().c_str())) {
       while (dirent* e = readdir(d)) {
-        if (e->d_name[0] == '.') continue;
-        const std::string p = mDir + "/" + e->d_name;
-        removeSetOfKey(keyOf(p));
-        chmod(p.c_str(), 0700);
-        struct stat st;
-        if (lstat(p.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
-          rmdir(p.c_str());
-        } else {
-          unlink(p.c_str());
-        }
+        if (e->d_name[0] != '.') removeSetOfKey(keyOf(path(e->d_name)));
       }
       closedir(d);
     }
-    rmdir(mDir.c_str());
   }
 
-  std::string mDir;
+  zk3test::TempDir mDir;
   std::set<key_t> mKeys;
 };
 
@@ -174,7 +168,7 @@ class Signal {
   Signal& operator=(const Signal&) = delete;
   void post(char value = 1) { (void)!write(mFds[1], &value, 1); }
   // The next posted value, or -1 when none came within `ms`.
-  int wait(int ms = 5000 * kScale) {
+  int wait(int ms = 5000 * zk3test::kTimeScale) {
     pollfd p{mFds[0], POLLIN, 0};
     if (poll(&p, 1, ms) != 1) return -1;
     char value = 0;
@@ -184,76 +178,6 @@ class Signal {
 
  private:
   int mFds[2];
-};
-
-// A forked child that runs `body` under alarm() and exits with its result
-// (99 when it throws). Destroying an unfinished child kills it.
-class Child {
- public:
-  explicit Child(const std::function<int()>& body, unsigned alarmSeconds = 20 * kScale) {
-    mPid = fork();
-    if (mPid == 0) {
-      signal(SIGALRM, SIG_DFL);  // the parent's watchdog handler is not ours
-      alarm(alarmSeconds);
-      int rc = 99;
-      try {
-        rc = body();
-      } catch (...) {
-      }
-      _exit(rc);
-    }
-  }
-  ~Child() {
-    if (mPid > 0 && !mDone) {
-      kill(mPid, SIGKILL);
-      waitpid(mPid, nullptr, 0);
-    }
-  }
-  Child(const Child&) = delete;
-  Child& operator=(const Child&) = delete;
-
-  pid_t pid() const { return mPid; }
-  // Exit code, 128 + signal when killed, -1 if still running after `ms`
-  // (then it is killed).
-  int wait(int ms = 10000 * kScale) {
-    if (mDone) return mStatus;
-    const long long end = wallMs() + ms;
-    int status = 0;
-    for (;;) {
-      const pid_t r = waitpid(mPid, &status, WNOHANG);
-      if (r == mPid) break;
-      if (r == -1 || wallMs() > end) {
-        kill(mPid, SIGKILL);
-        waitpid(mPid, nullptr, 0);
-        mDone = true;
-        mStatus = -1;
-        return mStatus;
-      }
-      usleep(500);
-    }
-    mDone = true;
-    mStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    return mStatus;
-  }
-  // Exit code as wait() gives it, or -1 while it still runs.
-  int poll() {
-    if (mDone) return mStatus;
-    int status = 0;
-    if (waitpid(mPid, &status, WNOHANG) != mPid) return -1;
-    mDone = true;
-    mStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    return mStatus;
-  }
-  // SIGKILL and reap; true when it died by that signal.
-  bool killNow() {
-    kill(mPid, SIGKILL);
-    return wait() == 128 + SIGKILL;
-  }
-
- private:
-  pid_t mPid = -1;
-  bool mDone = false;
-  int mStatus = -1;
 };
 
 }  // namespace rwtest

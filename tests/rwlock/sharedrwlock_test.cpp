@@ -10,7 +10,7 @@
 
 namespace {
 
-using rwtest::Child;
+using zk3test::Child;
 using rwtest::kN;
 using rwtest::Signal;
 using zelkit3::sharedrwlock;
@@ -124,7 +124,7 @@ TEST_F(SharedRWLockTest, BusyLockFileTextKeepsItsNewline) {
   EXPECT_FALSE(l.init(path.c_str(), buffer, sizeof buffer));
   EXPECT_STREQ("operation failed errno = 11\n", buffer);
   release.post();
-  EXPECT_EQ(0, holder.wait());
+  EXPECT_EQ(0, holder.wait()) << holder.describe();
   close(fd);
 }
 
@@ -143,7 +143,7 @@ TEST_F(SharedRWLockTest, ReaderElsewhereThenSetRemovedByAnother) {
   EXPECT_EQ(1, l.lockWrite(0));
   EXPECT_EQ(1, l.lockWrite(20));
   done.post();
-  EXPECT_EQ(0, reader.wait());
+  EXPECT_EQ(0, reader.wait()) << reader.describe();
   rwtest::removeSetOfKey(rwtest::keyOf(path));
   EXPECT_EQ((std::array<int, 6>{{2, 2, 1, 2, 2, 1}}), allOps(l))
       << "the upgrades only read values first, and a failed read means not done";

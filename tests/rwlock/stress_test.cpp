@@ -15,7 +15,7 @@
 
 namespace {
 
-using rwtest::Child;
+using zk3test::Child;
 using rwtest::kN;
 using zelkit3::UnixSharedRWLock;
 
@@ -184,31 +184,32 @@ TEST(RWLockStress, RandomHoldsAndKillsKeepMutualExclusion) {
             Worker(shared, i, path, childSeed).run();
             return 0;
           },
-          20 * rwtest::kScale));
+          std::chrono::seconds(20 * zk3test::kTimeScale)));
     };
     for (int i = 0; i < kProcs; ++i) launch(i);
 
-    const long long end = start + 15000LL * rwtest::kScale;  // inside the watchdog
+    const long long end = start + 15000LL * zk3test::kTimeScale;  // inside the watchdog
     while (shared->ops.load() < kTargetOps && rwtest::wallMs() < end) {
       usleep(1000 + random() % 3000);  // pacing of the killer, not synchronisation
       const int i = static_cast<int>(random() % kProcs);
       Slot& s = shared->slots[i];
       if (children[i]->poll() != -1) {
         if (shared->ops.load() >= kTargetOps) break;  // it saw the target first
-        ADD_FAILURE() << "worker " << i << " ended early: " << children[i]->poll();
+        ADD_FAILURE() << "worker " << i << " ended early: " << children[i]->describe();
         launch(i);
         continue;
       }
       if (s.reads.load() == 0 && s.writer.load() == 0) continue;  // kill holders only
       s.killed.store(1);
-      EXPECT_TRUE(children[i]->killNow());
+      EXPECT_TRUE(children[i]->killNow()) << children[i]->describe();
       ++kills;
       ++restarts;
       launch(i);
     }
     shared->stop.store(1);
     for (int i = 0; i < kProcs; ++i) {
-      EXPECT_EQ(0, children[i]->wait(5000 * rwtest::kScale)) << "worker " << i << " hung";
+      EXPECT_EQ(0, children[i]->wait(std::chrono::milliseconds(5000 * zk3test::kTimeScale)))
+          << "worker " << i << " hung; " << children[i]->describe();
     }
     EXPECT_EQ((std::array<int, 3>{{1, kN, 1}}), rwtest::semValues(path))
         << "only the observer is left, and it holds nothing";

@@ -11,7 +11,7 @@
 
 namespace {
 
-using rwtest::Child;
+using zk3test::Child;
 using rwtest::kN;
 using rwtest::semValues;
 using rwtest::Signal;
@@ -88,7 +88,7 @@ TEST_F(UnixSharedRWLockTest, ObjectsAreCountedAcrossProcesses) {
   ASSERT_EQ(1, attached.wait());
   EXPECT_EQ((Values{{1, kN, 2}}), semValues(lockPath()));
   leave.post();
-  EXPECT_EQ(0, child.wait());
+  EXPECT_EQ(0, child.wait()) << child.describe();
   EXPECT_EQ((Values{{1, kN, 1}}), semValues(lockPath()));
 }
 
@@ -101,7 +101,7 @@ TEST_F(UnixSharedRWLockTest, SetOfDeadUsersIsTakenOver) {
     raise(SIGKILL);
     return 2;
   });
-  EXPECT_EQ(128 + SIGKILL, child.wait());
+  EXPECT_EQ(128 + SIGKILL, child.wait()) << child.describe();
   EXPECT_EQ((Values{{1, kN, 0}}), semValues(lockPath())) << "the kernel undid every hold";
   {
     UnixSharedRWLock lock(lockPath().c_str());
@@ -219,7 +219,7 @@ TEST_F(UnixSharedRWLockTest, UnwritableFolder) {
     }
     return fds == rwtest::openDescriptors() ? 0 : 14;
   });
-  EXPECT_EQ(0, child.wait());
+  EXPECT_EQ(0, child.wait()) << child.describe();
 }
 
 TEST_F(UnixSharedRWLockTest, BusyLockFileGivesCode11AfterTheSpin) {
@@ -245,7 +245,7 @@ TEST_F(UnixSharedRWLockTest, BusyLockFileGivesCode11AfterTheSpin) {
   EXPECT_EQ(fds, rwtest::openDescriptors());
   EXPECT_FALSE(rwtest::setExists(path)) << "nothing was made without the flock";
   release.post();
-  EXPECT_EQ(0, holder.wait());
+  EXPECT_EQ(0, holder.wait()) << holder.describe();
   // The file is free again: the lock works.
   UnixSharedRWLock lock(path.c_str());
   EXPECT_EQ((Values{{1, kN, 1}}), semValues(path));
@@ -272,7 +272,7 @@ TEST_F(UnixSharedRWLockTest, BusyLockFileInTheDestructorLeavesTheCount) {
   ASSERT_EQ(0, flock(fd, LOCK_EX));
   locked.post();
   EXPECT_EQ(2, destroyed.wait()) << "count unchanged by the failed destructor";
-  EXPECT_EQ(0, child.wait());
+  EXPECT_EQ(0, child.wait()) << child.describe();
   EXPECT_EQ((Values{{1, kN, 1}}), semValues(path)) << "the child's exit lowered it";
   flock(fd, LOCK_UN);
   close(fd);
@@ -362,7 +362,7 @@ TEST_F(UnixSharedRWLockTest, SignalDuringUnlimitedWaitRaisesEintr) {
   ASSERT_TRUE(rwtest::waitForWaiters(path, 0, 1)) << "the child blocks at the gate";
   kill(child.pid(), SIGUSR1);
   const int rc = child.wait();
-  EXPECT_EQ(0, rc);
+  EXPECT_EQ(0, rc) << child.describe();
   mine.freeWrite();
 }
 
@@ -384,7 +384,7 @@ TEST_F(UnixSharedRWLockTest, RemovalDuringAWaitRaisesEidrm) {
   ASSERT_TRUE(rwtest::waitForWaiters(path, 0, 1));
   const int id = rwtest::setIdOf(rwtest::keyOf(path));
   semctl(id, 0, IPC_RMID, 0);
-  EXPECT_EQ(0, child.wait());
+  EXPECT_EQ(0, child.wait()) << child.describe();
 }
 
 // The steps of a write are fixed from gReadersCount at load: a new set made
@@ -402,7 +402,7 @@ TEST_F(UnixSharedRWLockTest, StepsFollowTheReaderCountAtLoad) {
     lock.freeRead();
     return 0;
   });
-  EXPECT_EQ(0, child.wait());
+  EXPECT_EQ(0, child.wait()) << child.describe();
   EXPECT_EQ(10000, zelkit3::gReadersCount);
   EXPECT_FALSE(rwtest::setExists(path));
 }

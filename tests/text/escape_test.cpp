@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "support/sync.h"
+#include "support/temp_dir.h"
 
 // glibc's newlocale keeps its parsed copy of LOCPATH for good; that is not
 // ours to report. (Read by LeakSanitizer only.)
@@ -158,16 +159,13 @@ TEST_F(EscapeData, EveryLengthAroundTheBlockAndPassLimits) {
 // and the locale sources exist, and used on this thread only.
 class Latin1Locale {
  public:
-  Latin1Locale() {
-    char dir[] = "/tmp/zk3_escape_locale_XXXXXX";
-    if (mkdtemp(dir) == nullptr) return;
-    mDir = dir;
+  Latin1Locale() : mDir("zk3_escape_locale") {
     const std::string command =
-        "localedef -i fr_FR -f ISO-8859-1 " + mDir + "/fr_FR.ISO-8859-1 >/dev/null 2>&1";
+        "localedef -i fr_FR -f ISO-8859-1 " + mDir.path("fr_FR.ISO-8859-1") + " >/dev/null 2>&1";
     if (std::system(command.c_str()) != 0) return;
     const char* old = std::getenv("LOCPATH");
     if (old != nullptr) mOldPath = old;
-    setenv("LOCPATH", mDir.c_str(), 1);
+    setenv("LOCPATH", mDir.root().c_str(), 1);
     mLocale = newlocale(LC_CTYPE_MASK, "fr_FR.ISO-8859-1", static_cast<locale_t>(0));
     if (old != nullptr) {
       setenv("LOCPATH", mOldPath.c_str(), 1);
@@ -181,12 +179,12 @@ class Latin1Locale {
       uselocale(mPrevious);
       freelocale(mLocale);
     }
-    if (!mDir.empty()) std::system(("rm -rf '" + mDir + "'").c_str());
   }
   bool active() const { return mLocale != static_cast<locale_t>(0); }
 
  private:
-  std::string mDir, mOldPath;
+  zk3test::TempDir mDir;
+  std::string mOldPath;
   locale_t mLocale = static_cast<locale_t>(0);
   locale_t mPrevious = static_cast<locale_t>(0);
 };

@@ -3,10 +3,6 @@
 #define ZELKIT3_TESTS_THREADS_TEST_UTIL_H
 
 #include <dirent.h>
-#include <signal.h>
-#include <stdlib.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -87,35 +83,6 @@ inline int settledThreadCount() {
 // not exit before it has done so.
 inline bool threadsDownTo(int count, std::chrono::milliseconds bound = scaled(20000)) {
   return eventually([count] { return threadCount() <= count; }, bound);
-}
-
-// Runs body in a forked child that then exits through exit(0), so that the
-// exit handlers and the library's unload run as in a real process. Returns
-// the child's exit status, or -1 if it crashed or did not end within bound
-// (it is killed then).
-template <class Body>
-int exitStatusOfChild(Body body, std::chrono::milliseconds bound = scaled(20000)) {
-  const pid_t pid = fork();
-  if (pid == 0) {
-    body();
-    // Through a pointer the compiler cannot see as noreturn: ASan's hook
-    // before a noreturn call crashes at random in a child forked from a
-    // multi-threaded parent, while exit itself runs fine.
-    void (*volatile exitProcess)(int) = exit;
-    exitProcess(0);
-  }
-  if (pid < 0) return -1;
-  int status = 0;
-  const auto deadline = std::chrono::steady_clock::now() + bound;
-  while (waitpid(pid, &status, WNOHANG) == 0) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      kill(pid, SIGKILL);
-      waitpid(pid, &status, 0);
-      return -1;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 // A task with a reference count that counts its runs and releases. It

@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/child.h"
 #include "test_util.h"
 #include "threads/worker_internal.h"
 
@@ -398,12 +399,15 @@ class NappingTask : public CountingTask {
 };
 
 TEST(ThreadPoolTest, ProcessExitsCleanlyRightAfterAnAsynchronousEnd) {
-  EXPECT_EQ(0, zk3test::exitStatusOfChild([] {
-    TaskCounters counters;
-    ThreadPool* pool = ThreadPool::create(4, false);
-    for (int i = 0; i < 50; ++i) startNew<NappingTask>(*pool, counters);
-    pool->release();  // and exit at once
-  }));
+  const zk3test::ChildResult child = zk3test::runInChild(
+      [] {
+        TaskCounters counters;
+        ThreadPool* pool = ThreadPool::create(4, false);
+        for (int i = 0; i < 50; ++i) startNew<NappingTask>(*pool, counters);
+        pool->release();  // and exit at once
+      },
+      zk3test::ChildExit::kRunExitHandlers);
+  EXPECT_TRUE(child.exitedWith(0)) << child.describe();
 }
 
 // Many starters keep the workers going idle and being woken: each idle spell

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "support/child.h"
 #include "test_util.h"
 #include "threads/thread_create.h"
 #include "threads/timer_interval.h"
@@ -291,13 +292,16 @@ TEST_F(TimerTest, AThrowingCallbackIsContained) {
 }
 
 TEST_F(TimerTest, ProcessExitsCleanlyAfterACallbackKilledTheLastTimer) {
-  EXPECT_EQ(0, zk3test::exitStatusOfChild([] {
-    Callback self([](unsigned long id) { CThreadTimerManager::killTimer(id); });
-    CThreadTimerManager::setTimer(&self, 1);
-    // Once the pass is over the timer is gone; the thread may still be on
-    // its way out, and the exit joins it.
-    eventually([&] { return self.fired.load() > 0 && !TimerTestAccess::hasThread(); });
-  }));
+  const zk3test::ChildResult child = zk3test::runInChild(
+      [] {
+        Callback self([](unsigned long id) { CThreadTimerManager::killTimer(id); });
+        CThreadTimerManager::setTimer(&self, 1);
+        // Once the pass is over the timer is gone; the thread may still be on
+        // its way out, and the exit joins it.
+        eventually([&] { return self.fired.load() > 0 && !TimerTestAccess::hasThread(); });
+      },
+      zk3test::ChildExit::kRunExitHandlers);
+  EXPECT_TRUE(child.exitedWith(0)) << child.describe();
 }
 
 int failCreate(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) { return EAGAIN; }

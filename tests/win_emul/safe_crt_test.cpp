@@ -7,11 +7,13 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <string>
+
+#include "support/child.h"
+#include "support/temp_dir.h"
 
 using namespace zelkit3::win_emul;
 
@@ -28,18 +30,11 @@ struct Buffer {
   }
 };
 
-class TempDir : public ::testing::Test {
+class SafeCrtFiles : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char templ[] = "/tmp/zk3-safe-crt-XXXXXX";
-    ASSERT_NE(mkdtemp(templ), nullptr);
-    mDir = templ;
-  }
-  void TearDown() override {
-    for (const char* name : {"/a", "/b", "/locked"}) unlink((mDir + name).c_str());
-    rmdir(mDir.c_str());
-  }
-  std::string path(const char* name) const { return mDir + "/" + name; }
+  SafeCrtFiles() : mTmp("zk3-safe-crt"), mDir(mTmp.root()) {}
+  std::string path(const char* name) const { return mTmp.path(name); }
+  zk3test::TempDir mTmp;
   std::string mDir;
 };
 
@@ -137,8 +132,6 @@ TEST(SafeCrtStrings, HighBytesFollowTheCLocale) {
   EXPECT_STREQ("\xC4\xE4z", text);
 }
 
-using SafeCrtFiles = TempDir;
-
 TEST_F(SafeCrtFiles, FopenTable) {
   FILE* file = reinterpret_cast<FILE*>(0x1);
   errno = kUntouched;
@@ -173,19 +166,16 @@ TEST_F(SafeCrtFiles, FopenWithoutReadRightGivesEnoent) {
   ASSERT_EQ(0, chmod(mDir.c_str(), 0755));
   // Root reads any file, so the attempt runs in a child that gives up root
   // for the unprivileged "nobody" (65534).
-  const pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) _exit(3);
+  const zk3test::ChildResult child = zk3test::runInChild([&locked] {
+    if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) return 3;
     FILE* denied = nullptr;
     errno = 0;
     const int result = fopen_s(&denied, locked.c_str(), "r");
-    _exit(result == ENOENT && errno == ENOENT && denied == nullptr ? 0 : 1);
-  }
-  int status = 0;
-  ASSERT_EQ(child, waitpid(child, &status, 0));
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(0, WEXITSTATUS(status));
+    return result == ENOENT && errno == ENOENT && denied == nullptr ? 0 : 1;
+  });
+  ASSERT_NE(child.end, zk3test::ChildResult::End::kNotStarted) << child.describe();
+  ASSERT_EQ(child.end, zk3test::ChildResult::End::kExited) << child.describe();
+  EXPECT_EQ(0, child.code) << child.describe();
 }
 
 TEST_F(SafeCrtFiles, FreopenTable) {
