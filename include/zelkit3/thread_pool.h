@@ -60,6 +60,7 @@ class IRunnable {
 };
 
 class WorkerThread;
+class ThreadPoolImpl;
 
 // How a worker calls back into its pool. Implemented by ThreadPoolImpl.
 class ZK3_API IThreadPoolImpl : private boost::noncopyable {
@@ -170,8 +171,10 @@ class ZK3_API WorkerThread : public AThread, private boost::noncopyable {
   bool mQueuedTaskTaken;
   // The thread is about to sleep or sleeps in its idle wait.
   std::atomic<bool> mIdle;
-  // The pool's count of idle workers, or null for a worker outside a pool.
-  std::atomic<int>* mPoolIdleCount;
+  // The pool whose count of idle workers this worker's idle spells enter,
+  // or null for a worker of another IThreadPoolImpl. The constructor finds
+  // it; the worker's reference on its pool keeps it valid.
+  ThreadPoolImpl* mIdlePool;
 
   // Marks the start and the end of an idle spell (mIdle and the pool's count).
   __attribute__((visibility("hidden"))) void enterIdle();
@@ -231,6 +234,12 @@ class ZK3_API ThreadPoolImpl : public TThreadSafeAddRefImpl<IThreadPoolImpl> {
   snapshotWorkers();
 
   friend struct detail::ThreadPoolTestAccess;
+  friend class WorkerThread;
+
+  // The count of idle workers is the pool's: each idle spell of a worker
+  // enters it once and leaves it once, whoever ends the spell.
+  __attribute__((visibility("hidden"))) void idleSpellBegins();
+  __attribute__((visibility("hidden"))) void idleSpellEnds();
 
   std::set<WorkerThread*> mStartedWorkers ZK3_GUARDED_BY(mMutex);
   std::map<WorkerThread*, boost::shared_ptr<WorkerThread> > mWorkers ZK3_GUARDED_BY(mMutex);

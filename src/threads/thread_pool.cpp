@@ -43,7 +43,6 @@ ThreadPoolImpl::ThreadPoolImpl(unsigned int maxThreads)
   try {
     for (unsigned int i = 0; i < count; ++i) {
       boost::shared_ptr<WorkerThread> worker(new WorkerThread(mTaskSource, this));
-      worker->mPoolIdleCount = &mIdleWorkers;
       mWorkers[worker.get()] = worker;
     }
   } catch (...) {
@@ -115,6 +114,10 @@ void ThreadPoolImpl::wakeFreeWorker() {
     if ((*it)->wakeIfIdle()) return;
   }
 }
+
+void ThreadPoolImpl::idleSpellBegins() { mIdleWorkers.fetch_add(1); }
+
+void ThreadPoolImpl::idleSpellEnds() { mIdleWorkers.fetch_sub(1); }
 
 WorkerMap ThreadPoolImpl::snapshotWorkers() {
   // The copy keeps the workers alive for whatever the caller does next,

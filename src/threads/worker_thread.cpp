@@ -42,7 +42,9 @@ WorkerThread::WorkerThread(boost::shared_ptr<IThreadPoolTaskSource> taskSource,
       mThreadFailed(false),
       mQueuedTaskTaken(false),
       mIdle(false),
-      mPoolIdleCount(nullptr) {
+      // Also inside the constructor of a ThreadPoolImpl, whose type the
+      // object already has there.
+      mIdlePool(dynamic_cast<ThreadPoolImpl*>(pool)) {
   mPool->addRef();
 }
 
@@ -166,14 +168,14 @@ void WorkerThread::enterIdle() {
   // a task and then reads the count as zero queued it before that look,
   // which finds it. The count comes first, so that a waker's decrement
   // (after it has seen mIdle) never runs ahead of the increment.
-  if (mPoolIdleCount != nullptr) mPoolIdleCount->fetch_add(1);
+  if (mIdlePool != nullptr) mIdlePool->idleSpellBegins();
   mIdle.store(true);
 }
 
 void WorkerThread::leaveIdle() {
   // Whoever turns mIdle off, this thread or a waking caller, takes the
   // worker out of the count, so that it is counted once per idle spell.
-  if (mIdle.exchange(false) && mPoolIdleCount != nullptr) mPoolIdleCount->fetch_sub(1);
+  if (mIdle.exchange(false) && mIdlePool != nullptr) mIdlePool->idleSpellEnds();
 }
 
 bool WorkerThread::wakeIfIdle() {
@@ -185,7 +187,7 @@ bool WorkerThread::wakeIfIdle() {
   // waiting for the idle time-out. A needless wake costs one empty pass.
   if (!mIdle.load(std::memory_order_relaxed)) return false;
   if (!mIdle.compare_exchange_strong(idle, false)) return false;
-  if (mPoolIdleCount != nullptr) mPoolIdleCount->fetch_sub(1);
+  if (mIdlePool != nullptr) mIdlePool->idleSpellEnds();
   SetEvent(mWakeEvent);
   return true;
 }
