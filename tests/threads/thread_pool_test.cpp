@@ -401,7 +401,9 @@ class NappingTask : public CountingTask {
 TEST(ThreadPoolTest, ProcessExitsCleanlyRightAfterAnAsynchronousEnd) {
   const zk3test::ChildResult child = zk3test::runInChild(
       [] {
-        TaskCounters counters;
+        // Static: the tasks still count after the body has returned, while
+        // the exit waits for the pool's threads.
+        static TaskCounters counters;
         ThreadPool* pool = ThreadPool::create(4, false);
         for (int i = 0; i < 50; ++i) startNew<NappingTask>(*pool, counters);
         pool->release();  // and exit at once
