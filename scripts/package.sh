@@ -109,22 +109,18 @@ finish() {  # <package dir> <package> <deb arch>: docs, md5sums, time stamps, bu
   echo "package: $out/${pkg}_${version}_${debarch}.deb"
 }
 
-description_runtime="Win32-style portability and utility library for Linux
- libzelkit3 lets code written against Win32 run on POSIX: events and waits,
+about=" libzelkit3 lets code written against Win32 run on POSIX: events and waits,
  tick and performance counters and the _s runtime functions under their
  Win32 names, thread, thread-pool and timer classes, a cross-process
  read-write lock on System V semaphores, OLE dates with time-zone
  conversion, a multi-encoding string, file helpers, assertions, a logger
- holder and a performance report.
+ holder and a performance report."
+description_runtime="Win32-style portability and utility library for Linux
+$about
  .
  This package contains the shared library."
 description_dev="Win32-style portability and utility library for Linux - development files
- libzelkit3 lets code written against Win32 run on POSIX: events and waits,
- tick and performance counters and the _s runtime functions under their
- Win32 names, thread, thread-pool and timer classes, a cross-process
- read-write lock on System V semaphores, OLE dates with time-zone
- conversion, a multi-encoding string, file helpers, assertions, a logger
- holder and a performance report.
+$about
  .
  This package contains the headers, the CMake package and the pkg-config
  file. Install it for each architecture you build for."

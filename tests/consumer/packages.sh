@@ -5,6 +5,8 @@
 # Usage: packages.sh <packages-dir> <source-dir> <x86_64|i386|all> <c++ compiler> [version]
 # Exit 77 (a skip for ctest) when the packages have not been built.
 set -euo pipefail
+# shellcheck source=callers.sh
+source "$(dirname "$0")/callers.sh"
 pkgs=$1 src=$2 which=$3 cxx=$4
 version=${5:-$(sed -n 's/^project(zelkit3 VERSION \([0-9.]*\).*/\1/p' "$src/CMakeLists.txt")}
 soversion=${version%%.*}
@@ -56,23 +58,6 @@ for abi in "${arches[@]}"; do
   [[ $(readlink -f "$libdir/libzelkit3.so") == $(readlink -f "$libdir/libzelkit3.so.$soversion") ]] ||
     fail "$abi: libzelkit3.so does not lead to the library"
 
-  toolchain=() m32=()
-  if [[ $abi == i386 ]]; then
-    toolchain=(-DCMAKE_TOOLCHAIN_FILE="$src/cmake/i386.toolchain.cmake")
-    m32=(-m32 -msse2 -mfpmath=sse)
-  fi
-  cmake -S "$src/tests/consumer/project" -B "$tmp/build-$abi" -DCMAKE_PREFIX_PATH="$root/usr" \
-    -DCMAKE_CXX_COMPILER="$cxx" "${toolchain[@]}" >/dev/null
-  found=$(grep '^zelkit3_DIR:' "$tmp/build-$abi/CMakeCache.txt" | cut -d= -f2)
-  [[ $found == "$libdir/cmake/zelkit3" ]] || fail "$abi: find_package found $found"
-  cmake --build "$tmp/build-$abi" >/dev/null
-  LD_LIBRARY_PATH=$ld_path "$tmp/build-$abi/consumer"
-  echo "packages: $abi find_package caller ok"
-
-  flags=$(PKG_CONFIG_LIBDIR=$libdir/pkgconfig pkg-config --cflags --libs zelkit3)
-  # shellcheck disable=SC2086
-  "$cxx" "${m32[@]}" -std=c++11 "$src/tests/consumer/project/main.cpp" $flags -o "$tmp/pc-$abi"
-  LD_LIBRARY_PATH=$ld_path "$tmp/pc-$abi"
-  echo "packages: $abi pkg-config caller ok"
+  check_callers packages "$abi" "$root/usr" "$libdir" "$ld_path" "$src" "$cxx" "$tmp"
 done
 echo "packages: ${arches[*]} checked against $(basename "$pkgs")/*_${version}_*.deb"

@@ -9,6 +9,8 @@
 # installed as it stands, without being rebuilt. When it is missing, only
 # this ABI is checked and the test says so on its output.
 set -euo pipefail
+# shellcheck source=callers.sh
+source "$(dirname "$0")/callers.sh"
 build=$(cd "$1" && pwd) src=$2 arch=$3 cxx=$4
 tmp=$(mktemp -d "${TMPDIR:-/tmp}/zk3-consumer.XXXXXX")
 trap 'rm -rf "$tmp"' EXIT
@@ -59,33 +61,6 @@ for abi in "${arches[@]}"; do
     exit 1
   fi
 
-  toolchain=() m32=()
-  if [[ $abi == i386 ]]; then
-    toolchain=(-DCMAKE_TOOLCHAIN_FILE="$src/cmake/i386.toolchain.cmake")
-    m32=(-m32 -msse2 -mfpmath=sse)
-  fi
-  cmake -S "$src/tests/consumer/project" -B "$tmp/build-$abi" -DCMAKE_PREFIX_PATH="$prefix" \
-    -DCMAKE_CXX_COMPILER="$cxx" "${toolchain[@]}" >/dev/null
-  found=$(grep '^zelkit3_DIR:' "$tmp/build-$abi/CMakeCache.txt" | cut -d= -f2)
-  if [[ $found != "$libdir/cmake/zelkit3" ]]; then
-    echo "consumer: FAIL the $abi caller found the package in $found" >&2
-    exit 1
-  fi
-  cmake --build "$tmp/build-$abi" >/dev/null
-  LD_LIBRARY_PATH=$ld_path "$tmp/build-$abi/consumer"
-  echo "consumer: $abi find_package caller ok (package in lib/$(multiarch "$abi")/cmake)"
-
-  export PKG_CONFIG_LIBDIR=$libdir/pkgconfig
-  pc_libdir=$(pkg-config --variable=libdir zelkit3)
-  if [[ $(cd "$pc_libdir" && pwd) != "$libdir" ]]; then
-    echo "consumer: FAIL zelkit3.pc of $abi names libdir $pc_libdir" >&2
-    exit 1
-  fi
-  flags=$(pkg-config --cflags --libs zelkit3)
-  unset PKG_CONFIG_LIBDIR
-  # shellcheck disable=SC2086
-  "$cxx" "${m32[@]}" -std=c++11 "$src/tests/consumer/project/main.cpp" $flags -o "$tmp/pc-$abi"
-  LD_LIBRARY_PATH=$ld_path "$tmp/pc-$abi"
-  echo "consumer: $abi pkg-config caller ok"
+  check_callers consumer "$abi" "$prefix" "$libdir" "$ld_path" "$src" "$cxx" "$tmp"
 done
 echo "consumer: checked ${arches[*]} in one prefix"
