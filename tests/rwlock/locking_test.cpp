@@ -3,6 +3,7 @@
 // the other holders in forked processes.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -15,26 +16,48 @@ using zk3test::Child;
 using rwtest::kN;
 using rwtest::Signal;
 using zelkit3::UnixSharedRWLock;
-using Values = std::array<int, 3>;
+using State = std::array<int, 2>;
 
 constexpr unsigned long kForever = static_cast<unsigned long>(-1);
+
+// Runs `ops` on `l` ('r' lockRead, 'R' freeRead, 'w' lockWrite, 'W' freeWrite,
+// 'd' upgradeToLockRead, 'u' upgradeToLockWrite); calls `after` with the step
+// and its result (true for the frees). False once a step gave false.
+bool runOps(UnixSharedRWLock& l, const char* ops, unsigned long timeout,
+            const std::function<void(size_t, bool)>& after = nullptr) {
+  bool all = true;
+  for (size_t i = 0; ops[i] != '\0'; ++i) {
+    bool result = true;
+    switch (ops[i]) {
+      case 'r': result = l.lockRead(timeout); break;
+      case 'R': l.freeRead(); break;
+      case 'w': result = l.lockWrite(timeout); break;
+      case 'W': l.freeWrite(); break;
+      case 'd': result = l.upgradeToLockRead(timeout); break;
+      case 'u': result = l.upgradeToLockWrite(timeout); break;
+    }
+    if (after) after(i, result);
+    all = all && result;
+  }
+  return all;
+}
 
 class LockingTest : public ::testing::Test {
  protected:
   void SetUp() override { lock.reset(new UnixSharedRWLock(path.c_str())); }
   void TearDown() override { lock.reset(); }
   // Gate and slots, the first two semaphores.
-  std::array<int, 2> state() {
-    const Values v = rwtest::semValues(path);
+  State state() {
+    const std::array<int, 3> v = rwtest::semValues(path);
     return {{v[0], v[1]}};
   }
-  // A child that attaches to the lock, takes `hold` and keeps it until told.
-  std::unique_ptr<Child> holder(const std::function<bool(UnixSharedRWLock&)>& hold, Signal& held,
-                                Signal& done) {
+  // A child that attaches to the lock, runs `ops` and keeps what it holds
+  // until told (or killed).
+  std::unique_ptr<Child> holder(const char* ops, Signal& held, Signal& done) {
     const std::string p = path;
-    return std::unique_ptr<Child>(new Child([&, p] {
+    return std::unique_ptr<Child>(new Child([&, p, ops] {
       UnixSharedRWLock l(p.c_str());
-      if (!hold(l)) return 1;
+      if (!runOps(l, ops, kForever)) return 1;
       held.post();
       return done.wait() == 1 ? 0 : 2;
     }));
@@ -45,16 +68,13 @@ class LockingTest : public ::testing::Test {
   std::unique_ptr<UnixSharedRWLock> lock;
 };
 
-using State = std::array<int, 2>;
-
 // Each row is a sequence of operations by one holder and the values after
-// every step ('r' lockRead, 'R' freeRead, 'w' lockWrite, 'W' freeWrite,
-// 'd' upgradeToLockRead, 'u' upgradeToLockWrite; a lower-case step that
-// must fail is written in upper case in `fails`).
+// every step; `fails` has '1' for a step that must give false. Rows without
+// a failing step run with unlimited waits too.
 struct Sequence {
   const char* name;
   const char* ops;
-  const char* fails;  // per step: '1' expects false
+  const char* fails;
   std::vector<State> after;
 };
 
@@ -69,47 +89,16 @@ TEST_F(LockingTest, ValuesAfterEachStep) {
       {"write is not reentrant", "wwrW", "0110", {{0, 0}, {0, 0}, {0, 0}, {1, kN}}},
       {"write while reading", "rwR", "010", {{1, kN - 1}, {1, kN - 1}, {1, kN}}},
   };
-  for (const Sequence& s : table) {
-    for (size_t i = 0; s.ops[i] != '\0'; ++i) {
-      const bool wantFalse = s.fails[i] == '1';
-      bool result = true;
-      switch (s.ops[i]) {
-        case 'r':
-          result = lock->lockRead(0);
-          break;
-        case 'R':
-          lock->freeRead();
-          break;
-        case 'w':
-          result = lock->lockWrite(0);
-          break;
-        case 'W':
-          lock->freeWrite();
-          break;
-        case 'd':
-          result = lock->upgradeToLockRead(0);
-          break;
-        case 'u':
-          result = lock->upgradeToLockWrite(0);
-          break;
-      }
-      EXPECT_EQ(!wantFalse, result) << s.name << " step " << i;
-      EXPECT_EQ(s.after[i], state()) << s.name << " step " << i;
+  for (unsigned long timeout : {0UL, kForever, 0xFFFFFFFFUL}) {
+    for (const Sequence& s : table) {
+      if (timeout != 0 && std::string(s.fails).find('1') != std::string::npos) continue;
+      runOps(*lock, s.ops, timeout, [&](size_t i, bool result) {
+        EXPECT_EQ(s.fails[i] != '1', result) << s.name << " step " << i << " " << timeout;
+        EXPECT_EQ(s.after[i], state()) << s.name << " step " << i << " " << timeout;
+      });
+      ASSERT_EQ((State{{1, kN}}), state()) << s.name << " leaves the lock free";
     }
-    ASSERT_EQ((State{{1, kN}}), state()) << s.name << " leaves the lock free";
   }
-}
-
-TEST_F(LockingTest, UnlimitedWaitsOnAFreeLock) {
-  EXPECT_TRUE(lock->lockRead(kForever));
-  EXPECT_TRUE(lock->upgradeToLockWrite(kForever));
-  EXPECT_EQ((State{{0, 0}}), state());
-  EXPECT_TRUE(lock->upgradeToLockRead(kForever));
-  EXPECT_EQ((State{{1, kN - 1}}), state());
-  lock->freeRead();
-  EXPECT_TRUE(lock->lockWrite(0xFFFFFFFFUL)) << "the i386 value is unlimited too";
-  lock->freeWrite();
-  EXPECT_EQ((State{{1, kN}}), state());
 }
 
 // Every no-limit value waits in the kernel (it shows as a blocked semop);
@@ -135,25 +124,12 @@ TEST_F(LockingTest, NoLimitValuesBlockInTheKernel) {
   }
 }
 
-TEST_F(LockingTest, ReadersOfOtherProcessesShareTheLock) {
-  Signal held, done;
-  auto child = holder([](UnixSharedRWLock& l) { return l.lockRead(kForever); }, held, done);
-  ASSERT_EQ(1, held.wait());
-  EXPECT_TRUE(lock->lockRead(0));
-  EXPECT_TRUE(lock->lockRead(100));
-  EXPECT_EQ((State{{1, kN - 3}}), state());
-  lock->freeRead();
-  lock->freeRead();
-  done.post();
-  EXPECT_EQ(0, child->wait()) << child->describe();
-  EXPECT_EQ((State{{1, kN}}), state());
-}
-
+// A writer that times out in its second stage gives the gate back.
 TEST_F(LockingTest, WriterTimesOutAtTheDeadlineAndGivesTheGateBack) {
   Signal held, done;
-  auto child = holder([](UnixSharedRWLock& l) { return l.lockRead(0); }, held, done);
+  auto child = holder("r", held, done);
   ASSERT_EQ(1, held.wait());
-  for (unsigned long timeout : {0UL, 1UL, 60UL}) {
+  for (unsigned long timeout : {0UL, 60UL}) {
     const long long start = rwtest::wallMs();
     EXPECT_FALSE(lock->lockWrite(timeout)) << timeout;
     const long long took = rwtest::wallMs() - start;
@@ -165,23 +141,8 @@ TEST_F(LockingTest, WriterTimesOutAtTheDeadlineAndGivesTheGateBack) {
   EXPECT_EQ(0, child->wait()) << child->describe();
 }
 
-TEST_F(LockingTest, ReaderTimesOutWhileAWriteLockIsHeld) {
-  Signal held, done;
-  auto child = holder([](UnixSharedRWLock& l) { return l.lockWrite(0); }, held, done);
-  ASSERT_EQ(1, held.wait());
-  const long long start = rwtest::wallMs();
-  EXPECT_FALSE(lock->lockRead(30));
-  EXPECT_GE(rwtest::wallMs() - start, 30);
-  EXPECT_FALSE(lock->lockRead(0));
-  EXPECT_FALSE(lock->upgradeToLockWrite(0)) << "no read lock in force";
-  EXPECT_EQ((State{{0, 0}}), state());
-  done.post();
-  EXPECT_EQ(0, child->wait()) << child->describe();
-  EXPECT_EQ((State{{1, kN}}), state());
-}
-
-// A writer at the gate keeps new readers out, and gets the lock as soon as
-// the readers that were in have left.
+// A writer at the gate keeps new readers out until they time out, and gets
+// the lock as soon as the readers that were in have left.
 TEST_F(LockingTest, WriterAtTheGateKeepsNewReadersOut) {
   ASSERT_TRUE(lock->lockRead(0));
   Signal gotIt, release;
@@ -195,47 +156,21 @@ TEST_F(LockingTest, WriterAtTheGateKeepsNewReadersOut) {
     return 0;
   });
   ASSERT_TRUE(rwtest::waitForWaiters(path, 1, 1)) << "the writer waits in stage 2";
-  EXPECT_EQ((State{{0, kN - 1}}), state());
   EXPECT_FALSE(lock->lockRead(0));
-  EXPECT_FALSE(lock->lockRead(50));
+  const long long start = rwtest::wallMs();
+  EXPECT_FALSE(lock->lockRead(30));
+  EXPECT_GE(rwtest::wallMs() - start, 30);
   EXPECT_EQ((State{{0, kN - 1}}), state());
   lock->freeRead();
   ASSERT_EQ(1, gotIt.wait());
   EXPECT_EQ((State{{0, 0}}), state());
   release.post();
   EXPECT_EQ(0, writer.wait()) << writer.describe();
-  EXPECT_TRUE(lock->lockRead(0));
-  lock->freeRead();
-}
-
-// A reader blocked behind a writer in stage 2 gets in when the writer times
-// out.
-TEST_F(LockingTest, BlockedReaderGetsInWhenTheWriterTimesOut) {
-  Signal held, done;
-  auto reader = holder([](UnixSharedRWLock& l) { return l.lockRead(0); }, held, done);
-  ASSERT_EQ(1, held.wait());
-  Signal timedOut;
-  const std::string p = path;
-  Child writer([&, p] {
-    UnixSharedRWLock l(p.c_str());
-    const bool got = l.lockWrite(500 * zk3test::kTimeScale);
-    timedOut.post();
-    return got ? 1 : 0;
-  });
-  ASSERT_TRUE(rwtest::waitForValues(path, [](const Values& v) { return v[0] == 0; }));
-  // The writer held the gate, so getting in proves that it gave it back.
-  EXPECT_TRUE(lock->lockRead(kForever)) << "blocks until the writer gives up";
-  EXPECT_EQ(1, timedOut.wait());
-  EXPECT_EQ((State{{1, kN - 2}}), state());
-  lock->freeRead();
-  EXPECT_EQ(0, writer.wait()) << writer.describe();
-  done.post();
-  EXPECT_EQ(0, reader->wait()) << reader->describe();
 }
 
 TEST_F(LockingTest, UpgradeWaitsForTheOtherReadersAndKeepsTheReadLock) {
   Signal held, done;
-  auto other = holder([](UnixSharedRWLock& l) { return l.lockRead(0); }, held, done);
+  auto other = holder("r", held, done);
   ASSERT_EQ(1, held.wait());
   ASSERT_TRUE(lock->lockRead(0));
   const long long start = rwtest::wallMs();
@@ -245,115 +180,42 @@ TEST_F(LockingTest, UpgradeWaitsForTheOtherReadersAndKeepsTheReadLock) {
   done.post();
   EXPECT_EQ(0, other->wait());
   EXPECT_TRUE(lock->upgradeToLockWrite(0)) << "now the only reader";
-  EXPECT_EQ((State{{0, 0}}), state());
-  lock->freeWrite();
-  EXPECT_EQ((State{{1, kN}}), state());
-}
-
-TEST_F(LockingTest, DowngradeLetsOtherReadersIn) {
-  ASSERT_TRUE(lock->lockWrite(0));
-  Signal attached, go;
-  const std::string p = path;
-  Child reader([&, p] {
-    UnixSharedRWLock l(p.c_str());
-    attached.post();
-    if (go.wait() != 1) return 1;
-    if (!l.lockRead(0)) return 2;
-    l.freeRead();
-    return 0;
-  });
-  ASSERT_EQ(1, attached.wait());
-  EXPECT_TRUE(lock->upgradeToLockRead(0));
-  go.post();
-  EXPECT_EQ(0, reader.wait()) << reader.describe();
-  EXPECT_FALSE(lock->lockWrite(0)) << "our read hold still counts";
-  lock->freeRead();
-  EXPECT_EQ((State{{1, kN}}), state());
-}
-
-// Dead holders: the kernel undoes exactly the net hold of the dead process,
-// and waiters elsewhere go on at once.
-TEST_F(LockingTest, KilledWriterFreesTheLock) {
-  Signal held, never;
-  auto dying = holder([](UnixSharedRWLock& l) { return l.lockWrite(kForever); }, held, never);
-  ASSERT_EQ(1, held.wait());
-  Signal gotIt;
-  const std::string p = path;
-  Child waiter([&, p] {
-    UnixSharedRWLock l(p.c_str());
-    if (!l.lockWrite(kForever)) return 1;
-    gotIt.post();
-    l.freeWrite();
-    return 0;
-  });
-  ASSERT_TRUE(rwtest::waitForWaiters(path, 0, 1));
-  EXPECT_TRUE(dying->killNow()) << dying->describe();
-  EXPECT_EQ(1, gotIt.wait());
-  EXPECT_EQ(0, waiter.wait()) << waiter.describe();
-  EXPECT_EQ((Values{{1, kN, 1}}), rwtest::semValues(path));
-}
-
-TEST_F(LockingTest, KilledReaderGivesItsSlotsBack) {
-  Signal held, never;
-  auto dying = holder(
-      [](UnixSharedRWLock& l) { return l.lockRead(0) && l.lockRead(0) && l.lockRead(kForever); },
-      held, never);
-  ASSERT_EQ(1, held.wait());
-  ASSERT_TRUE(lock->lockRead(0));
-  EXPECT_EQ((State{{1, kN - 4}}), state());
-  EXPECT_TRUE(dying->killNow()) << dying->describe();
-  EXPECT_EQ((State{{1, kN - 1}}), state());
-  lock->freeRead();
-  EXPECT_TRUE(lock->lockWrite(0));
   lock->freeWrite();
 }
 
-TEST_F(LockingTest, KilledReaderLetsAWaitingWriterIn) {
-  Signal held, never;
-  auto dying = holder([](UnixSharedRWLock& l) { return l.lockRead(0); }, held, never);
-  ASSERT_EQ(1, held.wait());
-  Signal gotIt;
-  const std::string p = path;
-  Child writer([&, p] {
-    UnixSharedRWLock l(p.c_str());
-    if (!l.lockWrite(kForever)) return 1;
-    gotIt.post();
-    l.freeWrite();
-    return 0;
-  });
-  ASSERT_TRUE(rwtest::waitForWaiters(path, 1, 1));
-  EXPECT_TRUE(dying->killNow()) << dying->describe();
-  EXPECT_EQ(1, gotIt.wait());
-  EXPECT_EQ(0, writer.wait()) << writer.describe();
-  EXPECT_EQ((State{{1, kN}}), state());
-}
-
-TEST_F(LockingTest, WriterKilledInStage2GivesTheGateBack) {
-  ASSERT_TRUE(lock->lockRead(0));
-  const std::string p = path;
-  Child writer([&, p] {
-    UnixSharedRWLock l(p.c_str());
-    l.lockWrite(kForever);
-    return 1;
-  });
-  ASSERT_TRUE(rwtest::waitForWaiters(path, 1, 1));
-  EXPECT_EQ((State{{0, kN - 1}}), state());
-  EXPECT_TRUE(writer.killNow()) << writer.describe();
-  EXPECT_EQ((State{{1, kN - 1}}), state());
-  EXPECT_TRUE(lock->lockRead(0)) << "new readers get in at once";
-  EXPECT_EQ((State{{1, kN - 2}}), state());
-  lock->freeRead();
-  lock->freeRead();
-}
-
-TEST_F(LockingTest, ProcessKilledAfterAnUpgradeFreesTheWriteLock) {
-  Signal held, never;
-  auto dying = holder([](UnixSharedRWLock& l) { return l.lockRead(0) && l.upgradeToLockWrite(0); },
-                      held, never);
-  ASSERT_EQ(1, held.wait());
-  EXPECT_EQ((State{{0, 0}}), state());
-  EXPECT_TRUE(dying->killNow()) << dying->describe();
-  EXPECT_EQ((State{{1, kN}}), state());
+// Dead holders: the kernel undoes exactly the net hold (and the user count)
+// of the killed process, whatever steps led to it.
+TEST_F(LockingTest, KilledHoldersGiveBackExactlyWhatTheyHeld) {
+  const struct {
+    const char* what;
+    const char* ops;
+    bool weRead;   // we hold a read lock meanwhile
+    bool blocks;   // the child waits in the second stage of a write
+    State held;
+  } cases[] = {
+      {"reads", "rrr", true, false, {{1, kN - 4}}},
+      {"write", "w", false, false, {{0, 0}}},
+      {"read, up to write", "ru", false, false, {{0, 0}}},
+      {"write, down to read", "wd", false, false, {{1, kN - 1}}},
+      {"writer in stage 2", "w", true, true, {{0, kN - 1}}},
+  };
+  for (const auto& c : cases) {
+    if (c.weRead) {
+      ASSERT_TRUE(lock->lockRead(0)) << c.what;
+    }
+    Signal held, never;
+    auto dying = holder(c.ops, held, never);
+    if (c.blocks) {
+      ASSERT_TRUE(rwtest::waitForWaiters(path, 1, 1)) << c.what;
+    } else {
+      ASSERT_EQ(1, held.wait()) << c.what;
+    }
+    EXPECT_EQ(c.held, state()) << c.what;
+    EXPECT_TRUE(dying->killNow()) << c.what << "; " << dying->describe();
+    EXPECT_EQ((std::array<int, 3>{{1, c.weRead ? kN - 1 : kN, 1}}), rwtest::semValues(path))
+        << c.what;
+    if (c.weRead) lock->freeRead();
+  }
 }
 
 }  // namespace

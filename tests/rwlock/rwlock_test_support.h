@@ -19,7 +19,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <functional>
 #include <set>
 #include <string>
 #include <vector>
@@ -58,19 +57,6 @@ inline std::array<int, 3> semValues(const std::string& path) {
 }
 
 inline bool setExists(const std::string& path) { return setIdOf(keyOf(path)) != -1; }
-
-// Polls the semaphore values until `pred` holds or `ms` pass: used to observe
-// that another process reached a blocking wait, which has no other signal.
-inline bool waitForValues(const std::string& path,
-                          const std::function<bool(const std::array<int, 3>&)>& pred,
-                          int ms = 5000 * zk3test::kTimeScale) {
-  const long long end = wallMs() + ms;
-  for (;;) {
-    if (pred(semValues(path))) return true;
-    if (wallMs() > end) return false;
-    usleep(200);
-  }
-}
 
 // Waits until at least `count` processes block in semop on semaphore `num`
 // of the set of `path` (the kernel's GETNCNT / GETZCNT).
