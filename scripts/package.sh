@@ -125,6 +125,25 @@ $about
  This package contains the headers, the CMake package and the pkg-config
  file. Install it for each architecture you build for."
 
+# control DIR PACKAGE DEPENDS SECTION DESCRIPTION: writes DIR/DEBIAN/control
+# for one package of the architecture $debarch (Installed-Size is filled in
+# by finish).
+control() {
+  cat >"$1/DEBIAN/control" <<CONTROL
+Package: $2
+Source: zelkit3
+Version: $version
+Architecture: $debarch
+Multi-Arch: same
+Maintainer: $maintainer
+Installed-Size: 0
+Depends: $3
+Section: $4
+Priority: optional
+Description: $5
+CONTROL
+}
+
 for preset in lib lib-i386; do
   if [[ $preset == lib-i386 ]]; then debarch=i386 multiarch=i386-linux-gnu; else debarch=amd64 multiarch=x86_64-linux-gnu; fi
   echo "=== build ($preset)"
@@ -143,19 +162,8 @@ for preset in lib lib-i386; do
   ln -s "libzelkit3.so.$version" "$rt/$libdir/libzelkit3.so.$soversion"
   soname=$(objdump -p "$rt/$libdir/libzelkit3.so.$version" | awk '$1 == "SONAME" {print $2}')
   [[ $soname == "libzelkit3.so.$soversion" ]] || { echo "package: SONAME is $soname" >&2; exit 1; }
-  cat >"$rt/DEBIAN/control" <<CONTROL
-Package: $runtime
-Source: zelkit3
-Version: $version
-Architecture: $debarch
-Multi-Arch: same
-Maintainer: $maintainer
-Installed-Size: 0
-Depends: $(runtime_depends "$rt/$libdir/libzelkit3.so.$version")
-Section: libs
-Priority: optional
-Description: $description_runtime
-CONTROL
+  control "$rt" "$runtime" "$(runtime_depends "$rt/$libdir/libzelkit3.so.$version")" libs \
+    "$description_runtime"
   echo "libzelkit3 $soversion $runtime (>= $version)" >"$rt/DEBIAN/shlibs"
   echo "activate-noawait ldconfig" >"$rt/DEBIAN/triggers"
   finish "$rt" "$runtime" "$debarch"
@@ -167,19 +175,7 @@ CONTROL
   ln -s "libzelkit3.so.$soversion" "$dv/$libdir/libzelkit3.so"
   cp -R "$stage/$libdir/cmake" "$stage/$libdir/pkgconfig" "$dv/$libdir/"
   find "$dv/usr" -type f -exec chmod 0644 {} +
-  cat >"$dv/DEBIAN/control" <<CONTROL
-Package: $dev
-Source: zelkit3
-Version: $version
-Architecture: $debarch
-Multi-Arch: same
-Maintainer: $maintainer
-Installed-Size: 0
-Depends: $runtime (= $version), libboost-dev
-Section: libdevel
-Priority: optional
-Description: $description_dev
-CONTROL
+  control "$dv" "$dev" "$runtime (= $version), libboost-dev" libdevel "$description_dev"
   finish "$dv" "$dev" "$debarch"
 done
 
