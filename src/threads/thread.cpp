@@ -1,10 +1,8 @@
 #include "zelkit3/thread.h"
 
-#include <errno.h>
 #include <pthread.h>
 #include <sched.h>
 #include <signal.h>
-#include <time.h>
 
 #include "base/deadline.h"
 #include "base/mutex_guard.h"
