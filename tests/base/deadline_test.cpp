@@ -28,9 +28,8 @@ TEST(Deadline, AWakeUpWithoutTheConditionRestartsOnlyAPerBlockTimeOut) {
   for (Deadline::Start start : {Deadline::kFromNow, Deadline::kFromEachBlock}) {
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
     pthread_cond_t cond = PTHREAD_COND_INITIALIZER;
-    const pid_t waiter = zk3test::currentTid();
     pthread_mutex_lock(&mutex);
-    auto woken = std::async(std::launch::async, [&] {
+    auto woken = std::async(std::launch::async, [&, waiter = zk3test::currentTid()] {
       EXPECT_TRUE(zk3test::waitUntilBlocked(waiter));
       std::this_thread::sleep_for(timeout / 2);
       pthread_mutex_lock(&mutex);

@@ -20,6 +20,7 @@ namespace zelkit3::win_emul {
 struct EventTestAccess {
   static auto* state(void* e) { return &static_cast<CWinEventHandle*>(e)->mStateMutex; }
   static auto* listeners(void* e) { return &static_cast<CWinEventHandle*>(e)->mListenersMutex; }
+  static bool listened(void* e) { return !static_cast<CWinEventHandle*>(e)->mListeners.empty(); }
 };
 }  // namespace zelkit3::win_emul
 
@@ -30,12 +31,14 @@ namespace {
 // This test links the library's objects statically: bring in the load hook.
 __attribute__((used)) void (*const gKeepLoadHook)() = &ZelKit3AtLoad;
 
-// Closes its events at the end of a test, also when an assertion fails.
+// Closes its events at the end of a test, also when an assertion fails. By
+// then every wait for any must have taken back its registrations.
 struct Events : std::vector<void*> {
   explicit Events(int n, int manualReset = 0) : std::vector<void*>(n) {
     for (void*& e : *this) e = CreateEventW(nullptr, manualReset, 0, nullptr);
   }
   ~Events() {
+    for (void* e : *this) EXPECT_FALSE(EventTestAccess::listened(e));
     for (void* e : *this) CloseHandle(e);
   }
 };
@@ -116,11 +119,10 @@ TEST(Events, OpenAndCloseCountReferences) {
 TEST(WaitForAny, ServesAnyCountAndChoosesTheLowestSignalledIndex) {
   Events ev(40);
   auto wait = blocked([&] { return WaitForMultipleObjects(40, ev.data(), 0, INFINITE); });
-  {
-    EventLockGuard exitScan;  // the waiter's exit scan comes after both sets
-    SetEvent(ev[39]);
-    SetEvent(ev[38]);
-  }
+  pthread_mutex_lock(&gEventLock);  // the waiter's exit scan comes after both sets
+  SetEvent(ev[39]);
+  SetEvent(ev[38]);
+  pthread_mutex_unlock(&gEventLock);
   EXPECT_EQ(wait.get(), WAIT_OBJECT_0 + 38);
   SetEvent(ev[0]);
   EXPECT_EQ(WaitForMultipleObjects(40, ev.data(), 0, 0), WAIT_OBJECT_0);
