@@ -41,6 +41,8 @@ TEST(TzFactory, CountsReferencesAndCachesHelpers) {
   EXPECT_EQ(nullptr, ESTHistoricalTimezoneHelper::s_pInst);
   EXPECT_EQ(nullptr, LocalHistoricalTimezoneHelper::s_pInst);
   EXPECT_EQ(1u, F::addRef());
+  EXPECT_NE(nullptr, ESTHistoricalTimezoneHelper::s_pInst);  // made by init, not on demand
+  EXPECT_NE(nullptr, LocalHistoricalTimezoneHelper::s_pInst);
   EXPECT_EQ(F::getESTHelper(), ESTHistoricalTimezoneHelper::s_pInst);
   EXPECT_EQ(F::getLocalHelper(), LocalHistoricalTimezoneHelper::s_pInst);
   // The built-in names are the singletons; small letters make other names.
@@ -136,6 +138,7 @@ TEST(Clock, ReadsTheClockToTheSecond) {
   EXPECT_LE(utcSerial, 25569 + (after + 0.001) / 86400);
   EXPECT_NEAR(utcSerial + 5.5 / 24, localSerial, 2.0 / 86400);
   EXPECT_NEAR(localSerial, now, (after - before + 1.0) / 86400);
+  EXPECT_EQ(1.0 / 86400, OneSecond());
 }
 
 }  // namespace

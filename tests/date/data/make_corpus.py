@@ -35,7 +35,10 @@ files = {
                           [1, 0, 1, 0, 1], [(36000, 0), (39600, 1)]),
     "no_types.tzif": tzif(*NY, counts=(4, 0, 0xFFFFFFFF)),
     "no_times.tzif": tzif([], [], [(0, 0)]),
-    "years_2000_2005.tzif": tzif([946684800, 1104537600], [0, 1], [(0, 0), (3600, 0)]),
+    "years_2000_2005.tzif": tzif([952041600, 1104537600], [0, 1], [(0, 0), (3600, 0)]),
+    # The last pair on Tuesdays, and the bytes after the times read as a time
+    # (0x01000000) on a Tuesday too: no successor may be read there.
+    "last_pair_tuesdays.tzif": tzif([5277600, 25840800], [1, 0], [(0, 0), (3600, 1)]),
     # +1 h in 2010 and +2 h from 2011, for conversions whose legs cross New Year.
     "plus1_2010_plus2_2011.tzif": tzif([1262304000, 1293840000], [0, 1], [(3600, 0), (7200, 0)]),
 }
