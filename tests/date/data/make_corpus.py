@@ -26,6 +26,21 @@ files = {
                                  [(-2**31, 0), (2**31 - 1, 1)]),
     "empty.tzif": b"",
     "three_bytes.tzif": b"TZi",
+    # Shapes of the record building.
+    "before_1970_west.tzif": tzif([-2000000000, -1000000000, -500000000, -1], [1, 0, 1, 0], NY[2]),
+    "before_1970_east.tzif": tzif([-2000000000, -5], [0, 0], [(3600, 0), (7200, 1)]),
+    "third_change.tzif": tzif([1268550000, 1289109600, 1291500000, 1308000000], NY[1], NY[2]),
+    "single_standard.tzif": tzif([-764200800], [0], [(19800, 0)]),
+    "southern.tzif": tzif([1223136000, 1238860800, 1254585600, 1270310400, 1286035200],
+                          [1, 0, 1, 0, 1], [(36000, 0), (39600, 1)]),
+    "no_types.tzif": tzif(*NY, counts=(4, 0, 0xFFFFFFFF)),
+    "no_times.tzif": tzif([], [], [(0, 0)]),
+    "years_2000_2005.tzif": tzif([952041600, 1104537600], [0, 1], [(0, 0), (3600, 0)]),
+    # The last pair on Tuesdays, and the bytes after the times read as a time
+    # (0x01000000) on a Tuesday too: no successor may be read there.
+    "last_pair_tuesdays.tzif": tzif([5277600, 25840800], [1, 0], [(0, 0), (3600, 1)]),
+    # +1 h in 2010 and +2 h from 2011, for conversions whose legs cross New Year.
+    "plus1_2010_plus2_2011.tzif": tzif([1262304000, 1293840000], [0, 1], [(3600, 0), (7200, 0)]),
 }
 for name, data in files.items():
     with open("corpus/" + name, "wb") as f:

@@ -1,0 +1,245 @@
+// The case files: data/cases.txt, worked out by hand, and data/golden.txt,
+// the results of the x86_64 build over a spread of inputs, which both ABIs
+// must give bit for bit. Each line is an operation, its inputs and, after
+// " = ", the text of its result (data/README.md lists the operations).
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <sstream>
+#include <vector>
+
+#include "date/tz_file.h"
+#include "date/tzif_parser.h"
+#include "date/zone_rules.h"
+#include "zelkit3/date.h"
+#include "zelkit3/timezone.h"
+
+namespace {
+
+using namespace zelkit3::date;
+using Words = std::vector<std::string>;
+
+const std::string kCorpus = ZK3_SOURCE_DIR "/tests/date/data/corpus/";
+std::map<std::string, _TIME_ZONE_INFORMATION> gZones;  // made by "zone" lines
+
+// Doubles as %.17g, which tells every two values apart.
+std::string text(double d) {
+  char out[32];
+  std::snprintf(out, sizeof out, "%.17g", d);
+  return out;
+}
+
+// Records as 2010-03-14T01:59:59.400/0, the last field wDayOfWeek.
+std::string text(const _SYSTEMTIME& t) {
+  char out[64];
+  std::snprintf(out, sizeof out, "%04u-%02u-%02uT%02u:%02u:%02u.%03u/%u", t.wYear, t.wMonth, t.wDay,
+                t.wHour, t.wMinute, t.wSecond, t.wMilliseconds, t.wDayOfWeek);
+  return out;
+}
+
+_SYSTEMTIME record(const std::string& s) {
+  _SYSTEMTIME t{};
+  std::sscanf(s.c_str(), "%hu-%hu-%huT%hu:%hu:%hu.%hu/%hu", &t.wYear, &t.wMonth, &t.wDay, &t.wHour,
+              &t.wMinute, &t.wSecond, &t.wMilliseconds, &t.wDayOfWeek);
+  return t;
+}
+
+// tm with its own field values: year-mon-mdayThh:mm:ss/wday, yday, isdst.
+std::string text(const tm& c) {
+  char out[96];
+  std::snprintf(out, sizeof out, "%d-%d-%dT%d:%d:%d/%d y%d d%d", c.tm_year, c.tm_mon, c.tm_mday,
+                c.tm_hour, c.tm_min, c.tm_sec, c.tm_wday, c.tm_yday, c.tm_isdst);
+  return out;
+}
+
+tm cTime(const std::string& s) {
+  tm c{};
+  std::sscanf(s.c_str(), "%d-%d-%dT%d:%d:%d/%d", &c.tm_year, &c.tm_mon, &c.tm_mday, &c.tm_hour,
+              &c.tm_min, &c.tm_sec, &c.tm_wday);
+  return c;
+}
+
+// A record as Bias,StandardBias,DaylightBias D<DaylightDate> S<StandardDate>,
+// and " named" if a name field holds anything.
+std::string text(const _TIME_ZONE_INFORMATION* r) {
+  static const _TIME_ZONE_INFORMATION blank{};
+  if (r == nullptr) return "null";
+  const bool named = std::memcmp(r->StandardName, blank.StandardName, sizeof blank.StandardName) ||
+                     std::memcmp(r->DaylightName, blank.DaylightName, sizeof blank.DaylightName);
+  return std::to_string(r->Bias) + "," + std::to_string(r->StandardBias) + "," +
+         std::to_string(r->DaylightBias) + " D" + text(r->DaylightDate) + " S" +
+         text(r->StandardDate) + (named ? " named" : "");
+}
+
+// Records by year, freed with the map.
+struct Records : std::map<unsigned int, _TIME_ZONE_INFORMATION*> {
+  ~Records() {
+    for (auto& entry : *this) delete entry.second;
+  }
+  std::string all() const {
+    std::string out;
+    for (const auto& entry : *this)
+      out += " | " + std::to_string(entry.first) + ": " + text(entry.second);
+    return out;
+  }
+};
+
+// A date is a record when it has a T, else a serial; results come back alike.
+bool isRecord(const std::string& s) { return s.find('T') != std::string::npos; }
+
+double serial(const std::string& s) {
+  _SYSTEMTIME t = record(s);
+  double d = isRecord(s) ? std::nan("") : std::strtod(s.c_str(), nullptr);
+  if (isRecord(s)) WindowsTimeToOleTime(&t, &d);
+  return d;
+}
+
+std::string dateText(const std::string& like, double d) {
+  _SYSTEMTIME t;
+  return isRecord(like) && OleTimeToWindowsTime(d, &t) ? text(t) : text(d);
+}
+
+// Calls f on an output filled with a pattern: the output's text if f
+// succeeds, else whether the output kept every byte.
+template <class T, class F>
+std::string attempt(F f) {
+  T out;
+  std::memset(&out, 0x5A, sizeof out);
+  const T before = out;
+  if (f(&out)) return text(out);
+  return std::memcmp(&out, &before, sizeof out) == 0 ? "refused" : "refused but written";
+}
+
+// A file (of the corpus, unless the path is absolute) through the file layer
+// and through the parser, on an exact-size copy that ASan watches for reads
+// past its end.
+std::string tzif(const std::string& file) {
+  const std::string path = file[0] == '/' ? file : kCorpus + file;
+  std::vector<unsigned char> buffer(1 << 16);
+  FILE* in = std::fopen(path.c_str(), "rb");
+  const size_t size = in != nullptr ? std::fread(buffer.data(), 1, buffer.size(), in) : 0;
+  if (in != nullptr) std::fclose(in);
+  const std::vector<unsigned char> exact(buffer.begin(), buffer.begin() + size);
+  Records parsed, read;
+  const bool result = zelkit3::date::detail::parseTzif(exact.data(), size, parsed);
+  if (result != zelkit3::date::detail::loadTzifFile(path.c_str(), read) ||
+      parsed.all() != read.all()) {
+    return "parser and file layer differ";
+  }
+  return (result ? "true" : "false") + parsed.all();
+}
+
+// "corpus:" names a file of the corpus from the zone folder; "null" is none.
+std::string zoneName(const std::string& name) {
+  return name.compare(0, 7, "corpus:") ? name : "../../.." + kCorpus + name.substr(7);
+}
+
+const char* orNull(const std::string& name) { return name == "null" ? nullptr : name.c_str(); }
+
+// The enumerator of a zone name, where there is one; 3 is outside the
+// enumeration (and, as a name, a zone without a file).
+int builtIn(const std::string& name) {
+  static const char* const kNames[] = {"Local", "EST", "UTC", "3"};
+  const auto found = std::find(std::begin(kNames), std::end(kNames), name);
+  return found == std::end(kNames) ? -1 : static_cast<int>(found - kNames);
+}
+
+std::string convert(const Words& w) {
+  const double d = serial(w.at(3));
+  const std::string from = zoneName(w.at(1)), to = zoneName(w.at(2));
+  const double r = DateConvertTz(d, orNull(from), orNull(to));
+  const int a = builtIn(w.at(1)), b = builtIn(w.at(2));
+  const double byEnum = a < 0 || b < 0 ? r : DateConvertTz(d, eTimeZone(a), eTimeZone(b));
+  if (std::memcmp(&r, &byEnum, sizeof r) != 0) return "enumerators differ";
+  return dateText(w.at(3), r);
+}
+
+std::string evaluate(const Words& w) {
+  const std::string& op = w.at(0);
+  if (op == "decode")
+    return attempt<_SYSTEMTIME>(
+        [&](_SYSTEMTIME* o) { return OleTimeToWindowsTime(serial(w.at(1)), o); });
+  _SYSTEMTIME r = record(w.size() > 1 ? w[1] : "");
+  tm c = cTime(w.size() > 1 ? w[1] : "");
+  if (op == "encode")
+    return attempt<double>([&](double* o) { return WindowsTimeToOleTime(&r, o); });
+  if (op == "ctime") return attempt<tm>([&](tm* o) { return OleTimeToCTime(serial(w.at(1)), o); });
+  if (op == "totm") return attempt<tm>([&](tm* o) { return WindowsTimeToCTime(&r, o), true; });
+  if (op == "fromtm") {
+    return attempt<_SYSTEMTIME>([&](_SYSTEMTIME* o) { return CTimeToWindowsTime(&c, o), true; }) +
+           " " + attempt<double>([&](double* o) { return CTimeToOleTime(&c, o); });
+  }
+  if (op == "rule") return dateText("T", TransitionToOleTime(&r, std::stoi(w.at(2))));
+  if (op == "zone") {
+    _TIME_ZONE_INFORMATION& z = gZones[w.at(1)] = _TIME_ZONE_INFORMATION{};
+    std::sscanf(w.at(2).c_str(), "%d,%d,%d", &z.Bias, &z.StandardBias, &z.DaylightBias);
+    z.DaylightDate = record(w.at(3));
+    z.StandardDate = record(w.at(4));
+    return "made";
+  }
+  if (op == "utc" || op == "local") {  // "null" passes a null pointer
+    _TIME_ZONE_INFORMATION* z = w.at(1) == "null" ? nullptr : &gZones.at(w[1]);
+    _SYSTEMTIME in = record(w.at(2));
+    _SYSTEMTIME* input = w[2] == "null" ? nullptr : &in;
+    const bool toUTC = op == "utc", dst = z != nullptr && IsDaylightTime(z, !toUTC, serial(w[2]));
+    return attempt<_SYSTEMTIME>([&](_SYSTEMTIME* o) {
+             return toUTC ? TzSpecificLocalTimeToUTCTime(z, input, o)
+                          : UTCTimeToTzSpecificLocalTime(z, input, o);
+           }) +
+           (dst ? " dst" : " std");
+  }
+  if (op == "fill") {
+    _SYSTEMTIME out{};
+    tm next = cTime(w.at(2));
+    AHistoricalTimezoneHelper::FillTransitionDate(&out, &c, w[2] == "null" ? nullptr : &next);
+    return text(out);
+  }
+  if (op == "tzif") return tzif(w.at(1));
+  if (op == "helper") {  // both lookups, by year and by record
+    IHistoricalTimezoneHelper* helper =
+        HistoricalTZHelpersFactory::getTZHelper(zoneName(w.at(1)).c_str());
+    _SYSTEMTIME date = record(w.at(2) + "-1-1");
+    const _TIME_ZONE_INFORMATION* found = helper->getTimezoneInformationByYear(std::stoul(w[2]));
+    return found == helper->getTimezoneInformationByYear(&date) ? text(found) : "lookups differ";
+  }
+  if (op == "convert") return convert(w);
+  return "unknown operation";
+}
+
+// The line with its result recomputed; comments and blank lines as they are.
+std::string recompute(const std::string& line) {
+  if (line.empty() || line[0] == '#') return line;
+  std::istringstream in(line.substr(0, line.find(" = ")));
+  const Words words{std::istream_iterator<std::string>(in), {}};
+  return line.substr(0, line.find(" = ")) + " = " + evaluate(words);
+}
+
+// The recomputed file is written beside the test as <name>.actual: after a
+// change meant to alter results, review its difference and take it over.
+void expectEveryLine(const char* name) {
+  std::ifstream file(std::string(ZK3_SOURCE_DIR "/tests/date/data/") + name);
+  std::ofstream rewritten(std::string(name) + ".actual");
+  ASSERT_TRUE(file.good()) << name;
+  int failures = 0;
+  for (std::string line; std::getline(file, line);) {
+    const std::string actual = recompute(line);
+    rewritten << actual << '\n';
+    if (actual != line && ++failures <= 20) {
+      ADD_FAILURE() << name << " (" ZK3_ARCH ")\n  expected " << line << "\n  actual   " << actual;
+    }
+  }
+  EXPECT_EQ(0, failures) << name;
+}
+
+TEST(DateCases, WorkedOutByHand) { expectEveryLine("cases.txt"); }
+
+TEST(DateCases, GoldenOnBothAbis) { expectEveryLine("golden.txt"); }
+
+}  // namespace
