@@ -252,7 +252,7 @@ TEST_F(LockTest, ScriptedHoldersKilledSignalledOrRemoved) {
           const bool done = step(theirs, c.ops[i], c.timeout);
           const auto took = std::chrono::steady_clock::now() - start;
           if (done != (c.results[i] == '0') || (c.results[i] == 'T' && took < 29ms)) {
-            std::cout << "step " << i << " ";
+            std::cout << "step " << i << " " << std::flush;
           }
         }
         pause();
