@@ -10,19 +10,20 @@
 #include "zelkit3/timezone.h"
 #include "zelkit3/win_emul.h"
 
-// The hooks count only the time-zone factory's users; an unload forgets the
-// events of the time before, and frees none of them.
+// The hooks count only the time-zone factory's users: one unload takes the
+// events down after any number of loads, and the next load forgets the events
+// of the time before, which stay allocated.
 TEST(Hooks, CalledByName) {
   void* old = zelkit3::win_emul::CreateEventW(nullptr, 1, 0, L"before");
-  EXPECT_EQ(1u, HistoricalTZHelpersFactory::s_dwRef);
   ZelKit3AtLoad();
-  EXPECT_EQ(2u, HistoricalTZHelpersFactory::s_dwRef);
   ZelKit3AtUnload();
-  ZelKit3AtUnload();  // the second finds no event table and no lock
-  EXPECT_EQ(0u, HistoricalTZHelpersFactory::s_dwRef);
   ZelKit3AtLoad();
   EXPECT_EQ(nullptr, zelkit3::win_emul::OpenEventW(0, 0, L"before"));
   EXPECT_EQ(1, zelkit3::win_emul::CloseHandle(old));
+  ZelKit3AtUnload();
+  ZelKit3AtUnload();  // finds no event table and no lock
+  EXPECT_EQ(0u, HistoricalTZHelpersFactory::s_dwRef);
+  ZelKit3AtLoad();
 }
 
 // A failed check throws AssertException3 and keeps the text it composed. Each
@@ -39,13 +40,11 @@ TEST(Assert, FailedChecksThrowAndKeepTheirText) {
                assert_zk3::lastText());
   EXPECT_THROW(assert_zk3(static_cast<const void*>(nullptr)), AssertException3);
   EXPECT_STREQ("", assert_zk3::lastText());
-  EXPECT_THROW(assert_zk3::isTrue(false, "logic error"), AssertException3);
-  EXPECT_STREQ("logic error", assert_zk3::lastText());
 }
 
 // The text is kept per thread, for a handler on the thrower's thread.
 TEST(Assert, TextIsKeptPerThread) {
-  EXPECT_THROW(assert_zk3::throwException("mine"), AssertException3);
+  EXPECT_THROW(assert_zk3::isTrue(false, "mine"), AssertException3);
   std::thread([] { EXPECT_THROW(assert_zk3::throwException(nullptr), AssertException3); }).join();
   EXPECT_STREQ("mine", assert_zk3::lastText());
 }
