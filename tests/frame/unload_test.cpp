@@ -22,25 +22,25 @@ int threadCount() {
   return status >> word ? std::stoi(word) : -1;
 }
 
-// In a child working in dir: opens the caller module, which loads the
-// library, and calls its function `name` (if any) with `argument`. Then it closes the module,
-// after which neither the library nor a thread of it may remain; or it exits
-// with the library still open, when the runtime runs the library's static
-// destructors before its unload hook.
-int runCaller(const std::string& dir, const char* name, bool close, void* argument = nullptr) {
-  return zk3test::runInChild(
-             [&] {
-               void* caller = chdir(dir.c_str()) == 0 ? dlopen(ZK3_CALLER_FILE, RTLD_NOW) : nullptr;
-               if (caller == nullptr) return 2;
-               if (name != nullptr)
-                 reinterpret_cast<void (*)(void*)>(dlsym(caller, name))(argument);
-               if (!close) return 0;
-               dlclose(caller);
-               if (dlopen(ZK3_LIBRARY_FILE, RTLD_NOW | RTLD_NOLOAD) != nullptr) return 3;
-               return threadCount() == 1 ? 0 : 4;
-             },
-             zk3test::ChildExit::kRunExitHandlers)
-      .status();
+// In a child working in dir: opens the caller module, which loads the library,
+// and calls its function `name` (if any) with `arg`. Then it closes the
+// module, after which neither the library nor a thread of it may remain; or it
+// exits with the library still open, when the runtime runs the library's
+// static destructors before its unload hook. Gives "" if the child ends well,
+// else how it ended.
+std::string runCaller(const std::string& dir, const char* name, bool close, void* arg = nullptr) {
+  const zk3test::ChildResult r = zk3test::runInChild(
+      [&] {
+        void* caller = chdir(dir.c_str()) == 0 ? dlopen(ZK3_CALLER_FILE, RTLD_NOW) : nullptr;
+        if (caller == nullptr) return 2;
+        if (name != nullptr) reinterpret_cast<void (*)(void*)>(dlsym(caller, name))(arg);
+        if (!close) return 0;
+        dlclose(caller);
+        if (dlopen(ZK3_LIBRARY_FILE, RTLD_NOW | RTLD_NOLOAD) != nullptr) return 3;
+        return threadCount() == 1 ? 0 : 4;
+      },
+      zk3test::ChildExit::kRunExitHandlers);
+  return r.status() == 0 ? "" : r.describe();
 }
 
 // A task that keeps its worker busy for a while. It lives in this program,
@@ -56,7 +56,7 @@ struct BusyTask : zelkit3::IRunnable {
 // run then.
 TEST(Unload, RightAfterAnAsynchronousPoolEnd) {
   BusyTask task;
-  EXPECT_EQ(0, runCaller(".", "zk3EndPoolAsync", true, &task));
+  EXPECT_EQ("", runCaller(".", "zk3EndPoolAsync", true, &task));
 }
 
 std::string readAll(const std::string& path) {
@@ -72,18 +72,18 @@ TEST(Unload, WritesTheReport) {
   const std::string report = dir.path("performance.log");
   const std::string old(3000, '#');
   std::ofstream(report.c_str()) << old;
-  EXPECT_EQ(0, runCaller(dir.root(), nullptr, false));
+  EXPECT_EQ("", runCaller(dir.root(), nullptr, false));
   EXPECT_EQ(old, readAll(report));
 
-  EXPECT_EQ(0, runCaller(dir.root(), "zk3Record", true));
+  EXPECT_EQ("", runCaller(dir.root(), "zk3Record", true));
   const std::string text = readAll(report);
   const std::string expected = readAll(ZK3_SOURCE_DIR "/tests/frame/performance_report.txt");
   EXPECT_EQ(expected, text.substr(0, expected.size()));
   // The measured record, last by its key, with a time of the clock's.
-  EXPECT_NE(std::string::npos, text.find("CommandID = ~scoped\nHole time = ", expected.size()));
   EXPECT_NE(std::string::npos, text.find("\nCall count = 1\n", expected.size()));
+  EXPECT_EQ(std::string::npos, text.find('#'));
 
   ASSERT_EQ(0, unlink(report.c_str()));
   dir.folder("performance.log");
-  EXPECT_EQ(0, runCaller(dir.root(), "zk3Record", true));
+  EXPECT_EQ("", runCaller(dir.root(), "zk3Record", true));
 }
