@@ -18,7 +18,7 @@ extern "C" void zk3Record(void*) {
   logger->mMutex.lock();
   logger->mRecords["eta"] = nullptr;
   logger->mMutex.unlock();
-  // Measured, so at a time of the clock's.
+  // One measured call, whose time is the clock's.
   { performance::ScopedMeasurement measured("~scoped"); }
 }
 
