@@ -24,7 +24,6 @@
 #include <cstdlib>
 #include <functional>
 #include <string>
-#include <thread>
 #include <type_traits>
 #include <utility>
 
@@ -91,7 +90,12 @@ class Child {
       }
       int code = 99;
       try {
-        code = runBody(body);
+        if constexpr (std::is_void<decltype(body())>::value) {
+          body();
+          code = 0;
+        } else {
+          code = static_cast<int>(body());
+        }
       } catch (...) {
       }
       // Through a pointer the compiler cannot see as noreturn: ASan's hook
@@ -133,20 +137,11 @@ class Child {
         mResult.code = -1;
         break;
       }
-      if (mPidFd >= 0) {
-        // Readable once the child has ended.
-        pollfd p{mPidFd, POLLIN, 0};
-        ::poll(&p, 1, static_cast<int>(left.count()));
-      } else {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-      }
+      // The pidfd is readable once the child has ended; without one, poll again in 1 ms.
+      pollfd p{mPidFd, POLLIN, 0};
+      ::poll(&p, 1, mPidFd >= 0 ? static_cast<int>(left.count()) : 1);
     }
     return mResult.status();
-  }
-  // The status once ended, -1 while it still runs; does not wait.
-  int poll() {
-    if (running()) reap(WNOHANG);
-    return running() ? -1 : mResult.status();
   }
   // SIGKILL and reap; true when it died by that signal.
   bool killNow() {
@@ -159,20 +154,6 @@ class Child {
   std::string describe() const { return mResult.describe(); }
 
  private:
-  template <class Body>
-  static int runBody(Body& body, std::true_type /*gives void*/) {
-    body();
-    return 0;
-  }
-  template <class Body>
-  static int runBody(Body& body, std::false_type) {
-    return static_cast<int>(body());
-  }
-  template <class Body>
-  static int runBody(Body& body) {
-    return runBody(body, std::is_void<decltype(body())>());
-  }
-
   bool running() const { return mResult.end == ChildResult::End::kRunning; }
 
   // True once the child is reaped; its end and output are then kept.
