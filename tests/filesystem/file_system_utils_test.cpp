@@ -18,6 +18,23 @@ using zk3test::exists;
 
 namespace {
 
+// Runs body in a child chrooted into a new temporary folder, after making
+// the folders and files named, in order: a helper that goes wrong (a walk
+// that enters "..", say) can touch nothing outside it.
+template <typename Body>
+void inTree(std::initializer_list<std::string> folders, std::initializer_list<std::string> files,
+            Body body) {
+  zk3test::TempDir tree;
+  for (const std::string& folder : folders) tree.folder(folder);
+  for (const std::string& file : files) tree.file(file);
+  const zk3test::ChildResult r = zk3test::runInChild([&] {
+    if (chroot(tree.root().c_str()) != 0 || chdir("/") != 0) return 2;
+    body();
+    return ::testing::Test::HasFailure() ? 1 : 0;
+  });
+  EXPECT_EQ(0, r.status()) << r.describe();
+}
+
 TEST(FileSystemUtils, PathText) {
   // path, addSlashToPath, getFolderFromFilePath: each splits by its own rule.
   const char* const rows[][3] = {{"", "", ""},
@@ -30,104 +47,69 @@ TEST(FileSystemUtils, PathText) {
     EXPECT_EQ(FS::addSlashToPath(row[0]), row[1]) << row[0];
     EXPECT_EQ(FS::getFolderFromFilePath(row[0]), row[2]) << row[0];
   }
-  // The full path and the file name need the path to exist.
-  zk3test::TempDir tree;
-  tree.folder("d");
-  tree.file("d/f");
-  ASSERT_EQ(0, symlink("d/f", tree.path("link").c_str()));
-  const std::string real = FS::getFullPath(tree.root().c_str());  // /tmp may be a link
-  EXPECT_EQ(FS::getFullPath(tree.path("d/./../link").c_str()), real + "/d/f");
-  EXPECT_EQ(FS::getFileFromFilePath(tree.path("link").c_str()), "f");  // the target's name
-  EXPECT_EQ(FS::getFileFromFilePath(tree.path("d/").c_str()), "d");
-  const std::string missing = tree.path("d/missing");
-  EXPECT_EQ(FS::getFullPath(missing.c_str()), "");
-  EXPECT_EQ(FS::getFullPath("/"), "/");
-  for (const char* none : {missing.c_str(), "/", static_cast<const char*>(nullptr)})
-    EXPECT_EQ(FS::getFileFromFilePath(none), "");
+  EXPECT_EQ(FS::getFolderFromFilePath(nullptr), "");
 }
 
-TEST(FileSystemUtils, CreateDirectoryAndDeleteFile) {
-  zk3test::TempDir tree;
-  EXPECT_TRUE(
-      FS::createDirectory(tree.path("abc").c_str()));  // makes only names before a separator
-  EXPECT_FALSE(exists(tree.path("abc")));
-  const std::string chain = tree.path("x\\y/z\\");  // both split; a backslash stays in the name
-  for (int round = 0; round < 2; ++round) EXPECT_TRUE(FS::createDirectory(chain.c_str()));
-  struct stat info;
-  ASSERT_EQ(0, stat(tree.path("x\\y/z").c_str(), &info));
-  EXPECT_EQ(info.st_mode & 0077u, 0u);  // private
-  EXPECT_TRUE(FS::createDirectory("/"));
-  EXPECT_FALSE(FS::createDirectory(nullptr) || FS::createDirectory(""));
-  tree.file("f");
-  EXPECT_FALSE(FS::createDirectory(tree.path("new/../f/sub/").c_str()));  // ENOTDIR
-  EXPECT_TRUE(exists(tree.path("new")));  // what was made before the failure stays
-  int error = -7;
-  for (const char* name : {"f/below", "f", "f"})  // ENOTDIR, deleted, then ENOENT
-    EXPECT_TRUE(FS::deleteFile(tree.path(name).c_str(), &error)) << name;
-  EXPECT_EQ(error, -7);
-  EXPECT_FALSE(exists(tree.path("f")));
-  EXPECT_FALSE(FS::deleteFile(tree.path("new").c_str(), &error));
-  EXPECT_EQ(error, EISDIR);
-}
-
-// Runs body in a child chrooted into tree's folder: a walk that goes wrong
-// can delete nothing outside it.
-template <typename Body>
-void inTree(const zk3test::TempDir& tree, Body body) {
-  const zk3test::ChildResult r = zk3test::runInChild([&] {
-    if (chroot(tree.root().c_str()) != 0 || chdir("/") != 0) return 2;
-    body();
-    return ::testing::Test::HasFailure() ? 1 : 0;
+TEST(FileSystemUtils, FilesAndFolders) {
+  inTree({"d"}, {"d/f"}, [] {
+    ASSERT_EQ(0, symlink("d/f", "/link"));
+    EXPECT_EQ(FS::getFullPath("/d/./../link"), "/d/f");  // needs the path to exist
+    EXPECT_EQ(FS::getFileFromFilePath("/link"), "f");    // the target's name
+    EXPECT_EQ(FS::getFileFromFilePath("/d/"), "d");
+    for (const char* none : {"/d/missing", "/", static_cast<const char*>(nullptr)})
+      EXPECT_EQ(FS::getFileFromFilePath(none), "");
+    EXPECT_EQ(FS::getFullPath("/d/missing"), "");
+    // createDirectory makes each name followed by a separator, of either kind.
+    EXPECT_TRUE(FS::createDirectory("/abc") && !exists("/abc"));
+    for (int round = 0; round < 2; ++round) EXPECT_TRUE(FS::createDirectory("/x\\y/z\\"));
+    struct stat info;
+    ASSERT_EQ(0, stat("/x\\y/z", &info));
+    EXPECT_EQ(info.st_mode & 0077u, 0u);  // private
+    EXPECT_TRUE(FS::createDirectory("/") && FS::createDirectory("x/"));
+    EXPECT_FALSE(FS::createDirectory(nullptr) || FS::createDirectory(""));
+    EXPECT_FALSE(FS::createDirectory("/new/../d/f/sub/"));  // ENOTDIR
+    EXPECT_TRUE(exists("/new"));  // what was made before the failure stays
+    int error = -7;
+    for (const char* path : {"/d/f/x", "/d/f", "/d/f"})  // ENOTDIR, deleted, then ENOENT
+      EXPECT_TRUE(FS::deleteFile(path, &error)) << path;
+    EXPECT_EQ(error, -7);
+    EXPECT_FALSE(FS::deleteFile("/d", &error));
+    EXPECT_EQ(error, EISDIR);
   });
-  EXPECT_EQ(0, r.status()) << r.describe();
 }
 
 // Root reads anything, so the child whose status cannot be read has a path
 // beyond PATH_MAX: in 16 folders of 250 characters, a file of 250.
 TEST(DeleteDirectory, RemovesTreesAndLinksFollowsNoneAndStopsAtFailures) {
-  zk3test::TempDir tree;
-  const std::string name(250, 'n');
-  std::string deep;
-  for (int i = 0; i < 16; ++i) tree.folder(deep += (i ? "/" : "") + name);
-  for (const char* dir : {"out", "empty", "t", "t/sub", "t/.x", "t/..y"}) tree.folder(dir);
-  for (const char* file : {"out/keep", "plain", "t/sub/f", "t/.z"}) tree.file(file);
-  tree.file(deep + "/short");
-  const int fd = open(tree.path(deep).c_str(), O_RDONLY | O_DIRECTORY);
-  close(openat(fd, name.c_str(), O_CREAT | O_WRONLY, 0600));
-  close(fd);
-  for (const char* link : {"link", "t/sub/link"})
-    ASSERT_EQ(0, symlink("/out", tree.path(link).c_str()));
-  inTree(tree, [&] {
-    const struct {
-      const char* path;
-      FileStatus status;
-    } rows[] = {{"/out", FILE_STATUS_DIRECTORY},  {"/plain", FILE_STATUS_FILE},
-                {"/link", FILE_STATUS_FILE},      {"/link/", FILE_STATUS_DIRECTORY},
-                {"/none", FILE_STATUS_NOT_FOUND}, {"/plain/x", FILE_STATUS_NOT_FOUND}};
+  inTree({"out", "e", "t", "t/s", "t/.x"}, {"out/keep", "f", "t/s/f", "t/..y"}, [&] {
+    const std::string n(250, 'n');
+    std::string deep;
+    for (int i = 0; i < 16; ++i) ASSERT_EQ(0, mkdir((deep += "/" + n).c_str(), 0700));
+    ASSERT_EQ(0, chdir(deep.c_str()));
+    for (const std::string& file : {n, std::string("short")}) close(creat(file.c_str(), 0600));
+    for (const char* link : {"/link", "/t/s/link"}) ASSERT_EQ(0, symlink("/out", link));
     int error = -7;
-    for (const auto& row : rows) EXPECT_EQ(getFileStatus(row.path, &error), row.status) << row.path;
-    for (const char* path : {"/plain", "/link", "/none"})  // a file, a link and nothing
+    for (const char* path : {"/f/x", "/f", "/link", "/no"})  // nothing, a file, a link, nothing
       EXPECT_TRUE(FS::deleteDirectory(path, &error)) << path;
     EXPECT_EQ(error, -7);
-    EXPECT_TRUE(FS::deleteDirectory("/empty", &error));
+    EXPECT_TRUE(FS::deleteDirectory("/e", &error));
     EXPECT_EQ(error, 0);  // the read that found the end stored 0
     EXPECT_TRUE(FS::deleteDirectory("/t/", &error));
-    for (const char* path : {"/empty", "/plain", "/link", "/t"}) EXPECT_FALSE(exists(path)) << path;
+    for (const char* path : {"/e", "/f", "/link", "/t"}) EXPECT_FALSE(exists(path)) << path;
     EXPECT_TRUE(exists("/out/keep"));
     // The failures, one each.
-    EXPECT_FALSE(PosixDeleteDirectory(("/" + deep + "/" + name).c_str(), &error));
+    EXPECT_FALSE(PosixDeleteDirectory((deep + "/" + n).c_str(), &error));
     EXPECT_EQ(error, ENAMETOOLONG);  // lstat of the path itself
-    EXPECT_FALSE(FS::deleteDirectory(("/" + name).c_str(), &error));
-    EXPECT_EQ(error, ENOTEMPTY);                  // a child passed over
-    EXPECT_FALSE(exists("/" + deep + "/short"));  // what was deleted stays deleted
-    ASSERT_EQ(0, symlink("/out", "/dirlink"));
-    for (const char* path : {"/out/keep", "/dirlink"}) {  // a file, and a link, seen as folders
+    EXPECT_FALSE(FS::deleteDirectory(("/" + n).c_str(), &error));
+    EXPECT_EQ(error, ENOTEMPTY);  // a child passed over; what was deleted stays deleted
+    EXPECT_FALSE(exists(deep + "/short"));
+    ASSERT_EQ(0, symlink("/out", "/link"));
+    for (const char* path : {"/out/keep", "/link"}) {  // a file, and a link, seen as folders
       EXPECT_FALSE(deleteDirectoryInternalR(path, FILE_STATUS_DIRECTORY, &error)) << path;
       EXPECT_EQ(error, ENOTDIR);
     }
-    // Nothing there, or a status that could not be read: passed over.
     for (FileStatus passed : {FILE_STATUS_NOT_FOUND, FILE_STATUS_ERROR})
-      EXPECT_TRUE(deleteDirectoryInternalR("/out", passed, &error));
+      EXPECT_TRUE(deleteDirectoryInternalR("/out", passed, &error));  // passed over
     EXPECT_TRUE(exists("/out/keep"));
   });
 }
