@@ -38,7 +38,6 @@ void inTree(std::initializer_list<std::string> folders, std::initializer_list<st
 TEST(FileSystemUtils, PathText) {
   // path, addSlashToPath, getFolderFromFilePath: each splits by its own rule.
   const char* const rows[][3] = {{"", "", ""},
-                                 {"c", "c/", ""},
                                  {"/c", "/c/", ""},
                                  {"a\\", "a\\", ""},
                                  {"a/b\\c", "a/b\\c/", "a"},
@@ -55,7 +54,6 @@ TEST(FileSystemUtils, FilesAndFolders) {
     ASSERT_EQ(0, symlink("d/f", "/link"));
     EXPECT_EQ(FS::getFullPath("/d/./../link"), "/d/f");  // needs the path to exist
     EXPECT_EQ(FS::getFileFromFilePath("/link"), "f");    // the target's name
-    EXPECT_EQ(FS::getFileFromFilePath("/d/"), "d");
     for (const char* none : {"/d/missing", "/", static_cast<const char*>(nullptr)})
       EXPECT_EQ(FS::getFileFromFilePath(none), "");
     EXPECT_EQ(FS::getFullPath("/d/missing"), "");
@@ -96,18 +94,15 @@ TEST(DeleteDirectory, RemovesTreesAndLinksFollowsNoneAndStopsAtFailures) {
     EXPECT_EQ(error, 0);  // the read that found the end stored 0
     EXPECT_TRUE(FS::deleteDirectory("/t/", &error));
     for (const char* path : {"/e", "/f", "/link", "/t"}) EXPECT_FALSE(exists(path)) << path;
-    EXPECT_TRUE(exists("/out/keep"));
     // The failures, one each.
     EXPECT_FALSE(PosixDeleteDirectory((deep + "/" + n).c_str(), &error));
     EXPECT_EQ(error, ENAMETOOLONG);  // lstat of the path itself
-    EXPECT_FALSE(FS::deleteDirectory(("/" + n).c_str(), &error));
+    EXPECT_FALSE(FS::deleteDirectory(deep.c_str(), &error));
     EXPECT_EQ(error, ENOTEMPTY);  // a child passed over; what was deleted stays deleted
     EXPECT_FALSE(exists(deep + "/short"));
     ASSERT_EQ(0, symlink("/out", "/link"));
-    for (const char* path : {"/out/keep", "/link"}) {  // a file, and a link, seen as folders
-      EXPECT_FALSE(deleteDirectoryInternalR(path, FILE_STATUS_DIRECTORY, &error)) << path;
-      EXPECT_EQ(error, ENOTDIR);
-    }
+    EXPECT_FALSE(deleteDirectoryInternalR("/link", FILE_STATUS_DIRECTORY, &error));
+    EXPECT_EQ(error, ENOTDIR);  // a link seen as a folder is not opened
     for (FileStatus passed : {FILE_STATUS_NOT_FOUND, FILE_STATUS_ERROR})
       EXPECT_TRUE(deleteDirectoryInternalR("/out", passed, &error));  // passed over
     EXPECT_TRUE(exists("/out/keep"));
