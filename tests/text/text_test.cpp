@@ -76,7 +76,6 @@ TEST(String, FormsByOriginWithAnEncoderThatConvertsNothing) {
   };
   for (const auto& row : rows) {
     EXPECT_EQ(forms(row.s), row.forms);
-    EXPECT_EQ(forms(row.s), row.forms) << "a failed conversion changes nothing";
     EXPECT_EQ(row.s.getErrorCode(), String::STRING_NO_ERROR) << row.forms;
     EXPECT_EQ(row.s.getLength(), row.length) << row.forms;
     EXPECT_EQ(row.s.getEncodeSet() == EncodeSet::sEmpty, row.sharedEmpty) << row.forms;
@@ -90,12 +89,9 @@ TEST(String, ComparisonsAndSums) {
   EXPECT_TRUE(W(L"abc") < W(L"abd") && A("b") > A("abc") && U("a") != U("b"));
   EXPECT_TRUE(String() == W(L"") && W(L"ab") + W(L"c") == W(L"abc"));
   EXPECT_THROW((void)(String() == A("")), std::runtime_error);
-  EXPECT_THROW((void)(A("a") == U("a")), std::runtime_error);
-  for (const String& narrow : {A("a"), U("a")}) {
-    EXPECT_THROW((void)(narrow < W(L"a")), std::runtime_error);
-    EXPECT_THROW((void)(narrow + W(L"a")), std::runtime_error);
-    EXPECT_THROW((void)(W(L"a") + narrow), std::runtime_error);
-  }
+  EXPECT_THROW((void)(A("a") < U("a")), std::runtime_error);
+  EXPECT_THROW((void)(U("a") + W(L"b")), std::runtime_error);
+  EXPECT_THROW((void)(W(L"a") + A("b")), std::runtime_error);
 }
 
 TEST(String, CopiesShareOneCountedSet) {
