@@ -1,142 +1,111 @@
-// Path helpers, createDirectory and deleteFile.
+// Path helpers, createDirectory, deleteFile and the recursive delete.
 #include "zelkit3/filesystem.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
 
+#include "support/child.h"
 #include "support/temp_dir.h"
 
-using zelkit3::FileSystemUtils;
+using namespace zelkit3;
+using FS = zelkit3::FileSystemUtils;
 using zk3test::exists;
-using zk3test::TempDir;
 
 namespace {
 
-struct TextCase {
-  const char* path;
-  const char* expected;
-};
-
-TEST(AddSlashToPath, Table) {
-  const TextCase cases[] = {{"", ""},       {"a", "a/"},   {"a/b", "a/b/"}, {"a/b/", "a/b/"},
-                            {"a\\", "a\\"}, {"/", "/"},    {"\\", "\\"},    {"a/.", "a/./"}};
-  for (const TextCase& c : cases) EXPECT_EQ(c.expected, FileSystemUtils::addSlashToPath(c.path)) << c.path;
-}
-
-TEST(GetFolderFromFilePath, Table) {
-  const TextCase cases[] = {{"a/b/c", "a/b"}, {"a/b/", "a/b"}, {"c", ""},        {"/c", ""},
-                            {"", ""},         {"a\\b", ""},    {"/x/y", "/x"},   {"a//b", "a/"}};
-  for (const TextCase& c : cases) EXPECT_EQ(c.expected, FileSystemUtils::getFolderFromFilePath(c.path)) << c.path;
-  EXPECT_EQ("", FileSystemUtils::getFolderFromFilePath(nullptr));
-}
-
-TEST(GetFullPath, ResolvesDotsAndLinks) {
-  TempDir tree;
-  const std::string real = FileSystemUtils::getFullPath(tree.root().c_str());  // /tmp may be a link
-  ASSERT_FALSE(real.empty());
-  tree.folder("d");
-  tree.file("d/f");
-  ASSERT_EQ(0, symlink("d/f", tree.path("link").c_str()));
-  EXPECT_EQ(real + "/d/f", FileSystemUtils::getFullPath(tree.path("d/./../d/f").c_str()));
-  EXPECT_EQ(real + "/d/f", FileSystemUtils::getFullPath(tree.path("link").c_str()));
-  EXPECT_EQ("", FileSystemUtils::getFullPath(tree.path("missing").c_str()));
-  EXPECT_EQ("", FileSystemUtils::getFullPath(nullptr));
-  EXPECT_EQ("/", FileSystemUtils::getFullPath("/"));
-}
-
-TEST(GetFileFromFilePath, NeedsAnExistingPath) {
-  TempDir tree;
-  tree.folder("d");
-  tree.file("d/target");
-  ASSERT_EQ(0, symlink("d/target", tree.path("link").c_str()));
-  EXPECT_EQ("target", FileSystemUtils::getFileFromFilePath(tree.path("d/target").c_str()));
-  EXPECT_EQ("target", FileSystemUtils::getFileFromFilePath(tree.path("link").c_str()));  // the target's name
-  EXPECT_EQ("d", FileSystemUtils::getFileFromFilePath(tree.path("d/").c_str()));
-  // Text alone finds a folder; the missing file gives nothing.
-  const std::string missing = tree.path("d/missing");
-  EXPECT_FALSE(FileSystemUtils::getFolderFromFilePath(missing.c_str()).empty());
-  EXPECT_EQ("", FileSystemUtils::getFileFromFilePath(missing.c_str()));
-  EXPECT_EQ("", FileSystemUtils::getFileFromFilePath("/"));
-  EXPECT_EQ("", FileSystemUtils::getFileFromFilePath(nullptr));
-}
-
-// Runs body in the tree's root as working directory, for relative paths.
+// Runs body in a child chrooted into a new temporary folder, after making
+// the folders and files named, in order: a helper that goes wrong (a walk
+// that enters "..", say) can touch nothing outside it.
 template <typename Body>
-void inFolder(const TempDir& tree, Body body) {
-  char previous[PATH_MAX];
-  ASSERT_NE(nullptr, getcwd(previous, sizeof previous));
-  ASSERT_EQ(0, chdir(tree.root().c_str()));
-  body();
-  ASSERT_EQ(0, chdir(previous));
+void inTree(std::initializer_list<std::string> folders, std::initializer_list<std::string> files,
+            Body body) {
+  zk3test::TempDir tree;
+  for (const std::string& folder : folders) tree.folder(folder);
+  for (const std::string& file : files) tree.file(file);
+  const zk3test::ChildResult r = zk3test::runInChild([&] {
+    if (chroot(tree.root().c_str()) != 0 || chdir("/") != 0) return 2;
+    body();
+    return ::testing::Test::HasFailure() ? 1 : 0;
+  });
+  EXPECT_EQ(0, r.status()) << r.describe();
 }
 
-TEST(CreateDirectory, MakesOnlyNamesFollowedByASeparator) {
-  TempDir tree;
-  inFolder(tree, [] {
-    EXPECT_TRUE(FileSystemUtils::createDirectory("abc"));
-    EXPECT_FALSE(exists("abc"));
-    EXPECT_TRUE(FileSystemUtils::createDirectory("abc/"));
-    EXPECT_TRUE(exists("abc"));
-    EXPECT_TRUE(FileSystemUtils::createDirectory("a/b/c"));
-    EXPECT_TRUE(exists("a/b"));
-    EXPECT_FALSE(exists("a/b/c"));
-    // The backslash splits too, and stays in the names made.
-    EXPECT_TRUE(FileSystemUtils::createDirectory("x\\y/z\\"));
-    EXPECT_TRUE(exists("x"));
-    EXPECT_TRUE(exists("x\\y"));
-    EXPECT_TRUE(exists("x\\y/z"));
+TEST(FileSystemUtils, PathText) {
+  // path, addSlashToPath, getFolderFromFilePath: each splits by its own rule.
+  const char* const rows[][3] = {{"", "", ""},
+                                 {"/c", "/c/", ""},
+                                 {"a\\", "a\\", ""},
+                                 {"a/b\\c", "a/b\\c/", "a"},
+                                 {"a/b/", "a/b/", "a/b"}};
+  for (const auto& row : rows) {
+    EXPECT_EQ(FS::addSlashToPath(row[0]), row[1]) << row[0];
+    EXPECT_EQ(FS::getFolderFromFilePath(row[0]), row[2]) << row[0];
+  }
+  EXPECT_EQ(FS::getFolderFromFilePath(nullptr), "");
+}
+
+TEST(FileSystemUtils, FilesAndFolders) {
+  inTree({"d"}, {"d/f"}, [] {
+    ASSERT_EQ(0, symlink("d/f", "/link"));
+    EXPECT_EQ(FS::getFullPath("/d/./../link"), "/d/f");  // needs the path to exist
+    EXPECT_EQ(FS::getFileFromFilePath("/link"), "f");    // the target's name
+    for (const char* none : {"/d/missing", "/", static_cast<const char*>(nullptr)})
+      EXPECT_EQ(FS::getFileFromFilePath(none), "");
+    // createDirectory makes each name followed by a separator, of either kind.
+    EXPECT_TRUE(FS::createDirectory("/abc") && !exists("/abc"));
+    for (int round = 0; round < 2; ++round) EXPECT_TRUE(FS::createDirectory("/x\\y/z\\"));
+    struct stat info;
+    ASSERT_EQ(0, stat("/x\\y/z", &info));
+    EXPECT_EQ(info.st_mode & 0077u, 0u);  // private
+    EXPECT_TRUE(FS::createDirectory("/") && FS::createDirectory("x/"));
+    EXPECT_FALSE(FS::createDirectory(nullptr) || FS::createDirectory(""));
+    EXPECT_FALSE(FS::createDirectory("/new/../d/f/sub/"));  // ENOTDIR
+    EXPECT_TRUE(exists("/new"));  // what was made before the failure stays
+    int error = -7;
+    for (const char* path : {"/d/f/x", "/d/f", "/d/f"})  // ENOTDIR, deleted, then ENOENT
+      EXPECT_TRUE(FS::deleteFile(path, &error)) << path;
+    EXPECT_EQ(error, -7);
+    EXPECT_FALSE(FS::deleteFile("/d", &error));
+    EXPECT_EQ(error, EISDIR);
   });
 }
 
-TEST(CreateDirectory, AbsoluteChainsAndMode) {
-  TempDir tree;
-  const std::string chain = tree.path("p/q/r/");
-  EXPECT_TRUE(FileSystemUtils::createDirectory(chain.c_str()));
-  struct stat info;
-  ASSERT_EQ(0, stat(tree.path("p/q/r").c_str(), &info));
-  EXPECT_TRUE(S_ISDIR(info.st_mode));
-  const mode_t mask = umask(0);
-  umask(mask);
-  EXPECT_EQ(0700u & ~mask, info.st_mode & 0777u);
-  EXPECT_TRUE(FileSystemUtils::createDirectory(chain.c_str()));  // all there already
-  EXPECT_TRUE(FileSystemUtils::createDirectory("/"));
-  EXPECT_TRUE(FileSystemUtils::createDirectory("//"));  // mkdir of "/" gives EEXIST
-}
-
-TEST(CreateDirectory, Failures) {
-  TempDir tree;
-  EXPECT_FALSE(FileSystemUtils::createDirectory(nullptr));
-  EXPECT_FALSE(FileSystemUtils::createDirectory(""));
-  tree.file("file");
-  // mkdir of file/sub fails with ENOTDIR; the folders made before stay.
-  EXPECT_FALSE(FileSystemUtils::createDirectory(tree.path("file/sub/").c_str()));
-  EXPECT_FALSE(FileSystemUtils::createDirectory(tree.path("new/../file/sub/").c_str()));
-  EXPECT_TRUE(exists(tree.path("new")));
-  // mkdir on a name that is a file gives EEXIST, which counts as there.
-  EXPECT_TRUE(FileSystemUtils::createDirectory(tree.path("file/").c_str()));
-}
-
-TEST(DeleteFile, Results) {
-  TempDir tree;
-  tree.file("f");
-  tree.folder("d");
-  int error = -7;
-  EXPECT_TRUE(FileSystemUtils::deleteFile(tree.path("f").c_str(), &error));
-  EXPECT_FALSE(exists(tree.path("f")));
-  EXPECT_EQ(-7, error);
-  EXPECT_TRUE(FileSystemUtils::deleteFile(tree.path("f").c_str(), &error));  // ENOENT
-  EXPECT_EQ(-7, error);
-  tree.file("g");
-  EXPECT_TRUE(FileSystemUtils::deleteFile(tree.path("g/x").c_str(), &error));  // ENOTDIR
-  EXPECT_EQ(-7, error);
-  EXPECT_FALSE(FileSystemUtils::deleteFile(tree.path("d").c_str(), &error));
-  EXPECT_EQ(EISDIR, error);
-  EXPECT_TRUE(exists(tree.path("d")));
+// Root reads anything, so the child whose status cannot be read has a path
+// beyond PATH_MAX: in 16 folders of 250 characters, a file of 250.
+TEST(DeleteDirectory, RemovesTreesAndLinksFollowsNoneAndStopsAtFailures) {
+  inTree({"out", "e", "t", "t/s", "t/.x"}, {"out/keep", "f", "t/s/f", "t/..y"}, [&] {
+    const std::string n(250, 'n');
+    std::string deep;
+    for (int i = 0; i < 16; ++i) ASSERT_EQ(0, mkdir((deep += "/" + n).c_str(), 0700));
+    ASSERT_EQ(0, chdir(deep.c_str()));
+    for (const std::string& file : {n, std::string("short")}) close(creat(file.c_str(), 0600));
+    for (const char* link : {"/link", "/t/s/link"}) ASSERT_EQ(0, symlink("/out", link));
+    int error = -7;
+    for (const char* path : {"/f/x", "/f", "/link", "/no"})  // nothing, a file, a link, nothing
+      EXPECT_TRUE(FS::deleteDirectory(path, &error)) << path;
+    EXPECT_EQ(error, -7);
+    EXPECT_TRUE(FS::deleteDirectory("/e", &error));
+    EXPECT_EQ(error, 0);  // the read that found the end stored 0
+    EXPECT_TRUE(FS::deleteDirectory("/t/", &error));
+    for (const char* path : {"/e", "/f", "/link", "/t"}) EXPECT_FALSE(exists(path)) << path;
+    // The failures, one each.
+    EXPECT_FALSE(PosixDeleteDirectory((deep + "/" + n).c_str(), &error));
+    EXPECT_EQ(error, ENAMETOOLONG);  // lstat of the path itself
+    EXPECT_FALSE(FS::deleteDirectory(deep.c_str(), &error));
+    EXPECT_EQ(error, ENOTEMPTY);  // a child passed over; what was deleted stays deleted
+    EXPECT_FALSE(exists(deep + "/short"));
+    ASSERT_EQ(0, symlink("/out", "/link"));
+    EXPECT_FALSE(deleteDirectoryInternalR("/link", FILE_STATUS_DIRECTORY, &error));
+    EXPECT_EQ(error, ENOTDIR);  // a link seen as a folder is not opened
+    for (FileStatus passed : {FILE_STATUS_NOT_FOUND, FILE_STATUS_ERROR})
+      EXPECT_TRUE(deleteDirectoryInternalR("/out", passed, &error));  // passed over
+    EXPECT_TRUE(exists("/out/keep"));
+  });
 }
 
 }  // namespace
