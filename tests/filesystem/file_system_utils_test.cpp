@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -28,6 +29,8 @@ void inTree(std::initializer_list<std::string> folders, std::initializer_list<st
   for (const std::string& folder : folders) tree.folder(folder);
   for (const std::string& file : files) tree.file(file);
   const zk3test::ChildResult r = zk3test::runInChild([&] {
+    // Only root may chroot: another user first becomes root of a user namespace of its own.
+    if (geteuid() != 0 && unshare(CLONE_NEWUSER) != 0) return 3;
     if (chroot(tree.root().c_str()) != 0 || chdir("/") != 0) return 2;
     body();
     return ::testing::Test::HasFailure() ? 1 : 0;
