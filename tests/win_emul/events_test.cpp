@@ -2,13 +2,12 @@
 // calls and where this library knowingly differs from Win32.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
-#include <csignal>
 #include <future>
 #include <thread>
 #include <vector>
 
+#include "support/child.h"
 #include "support/sync.h"
 #include "win_emul/event_handle.h"
 #include "win_emul/event_state.h"
@@ -25,8 +24,6 @@ struct EventTestAccess {
 }  // namespace zelkit3::win_emul
 
 using namespace zelkit3::win_emul;
-
-namespace {
 
 // This test links the library's objects statically: bring in the load hook.
 __attribute__((used)) void (*const gKeepLoadHook)() = &ZelKit3AtLoad;
@@ -45,14 +42,13 @@ struct Events : std::vector<void*> {
 
 // Runs a call on another thread and returns once that thread is blocked.
 template <class F>
-std::future<unsigned long> blocked(F call) {
-  std::atomic<pid_t> tid{0};
+static std::future<unsigned long> blocked(F call) {
+  std::promise<pid_t> tid;
   std::future<unsigned long> result = std::async(std::launch::async, [&tid, call] {
-    tid = zk3test::currentTid();
-    return static_cast<unsigned long>(call());
+    tid.set_value(zk3test::currentTid());
+    return call();
   });
-  while (tid == 0) std::this_thread::yield();
-  EXPECT_TRUE(zk3test::waitUntilBlocked(tid));
+  EXPECT_TRUE(zk3test::waitUntilBlocked(tid.get_future().get()));
   return result;
 }
 
@@ -114,9 +110,14 @@ TEST(Events, OpenAndCloseCountReferences) {
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "Closing unknown HANDLE type\n");
 }
 
-// More handles than a 32-entry array. Both scans choose the lowest signalled index and consume only
-// that event.
-TEST(WaitForAny, ServesAnyCountAndChoosesTheLowestSignalledIndex) {
+// More handles than a 32-entry array. Both scans choose the lowest
+// signalled index and consume only that event. A wait for all is a sequence
+// of single waits: when the second times out, the first stays consumed.
+//
+// PulseEvent takes no event lock, so it can signal an event after the entry
+// scan has passed it and before the waiter is registered with it. Holding
+// the event's listener lock parks the waiter exactly in that window.
+TEST(WaitForMultiple, AnyCountLowestIndexAPulseBeforeRegistrationAndAllInTurn) {
   Events ev(40);
   auto wait = blocked([&] { return WaitForMultipleObjects(40, ev.data(), 0, INFINITE); });
   pthread_mutex_lock(&gEventLock);  // the waiter's exit scan comes after both sets
@@ -129,37 +130,26 @@ TEST(WaitForAny, ServesAnyCountAndChoosesTheLowestSignalledIndex) {
   EXPECT_EQ(WaitForMultipleObjects(40, ev.data(), 0, 0), WAIT_OBJECT_0 + 39);
   // Nothing could end an infinite wait on no handles: it returns at once.
   EXPECT_EQ(WaitForMultipleObjects(0, nullptr, 0, INFINITE), WAIT_TIMEOUT);
-}
-
-// PulseEvent takes no event lock, so it can signal an event after the entry
-// scan has passed it and before the waiter is registered with it. Holding
-// the event's listener lock parks the waiter exactly in that window.
-TEST(WaitForAny, APulseBetweenEntryScanAndRegistrationIsSeen) {
-  Events ev(2, -1);
-  pthread_mutex_lock(EventTestAccess::listeners(ev[1]));
-  auto wait = blocked([&] { return WaitForMultipleObjects(2, ev.data(), 0, 10000); });
-  EXPECT_EQ(PulseEvent(ev[1]), 1);
-  pthread_mutex_unlock(EventTestAccess::listeners(ev[1]));
-  EXPECT_EQ(wait.get(), WAIT_OBJECT_0 + 1);
-  EXPECT_EQ(WaitForSingleObject(ev[1], 0), WAIT_OBJECT_0)
-      << "a manual-reset event is not changed by being chosen";
-}
-
-TEST(WaitForAll, IsASequenceOfSingleWaits) {
-  Events ev(2);
   SetEvent(ev[0]);
-  // The second wait times out, the first stays consumed.
   EXPECT_EQ(WaitForMultipleObjects(2, ev.data(), 1, 0), WAIT_TIMEOUT);
   EXPECT_EQ(WaitForSingleObject(ev[0], 0), WAIT_TIMEOUT);
   SetEvent(ev[0]);
   SetEvent(ev[1]);
   EXPECT_EQ(WaitForMultipleObjects(2, ev.data(), 1, 10000), WAIT_OBJECT_0);
+  Events manual(2, -1);
+  pthread_mutex_lock(EventTestAccess::listeners(manual[1]));
+  auto pulsed = blocked([&] { return WaitForMultipleObjects(2, manual.data(), 0, 10000); });
+  EXPECT_EQ(PulseEvent(manual[1]), 1);
+  pthread_mutex_unlock(EventTestAccess::listeners(manual[1]));
+  EXPECT_EQ(pulsed.get(), WAIT_OBJECT_0 + 1);
+  EXPECT_EQ(WaitForSingleObject(manual[1], 0), WAIT_OBJECT_0)
+      << "a manual-reset event is not changed by being chosen";
 }
 
 // The performance counter is CLOCK_MONOTONIC (steady_clock's) in
 // nanoseconds; the tick count is the wall clock's milliseconds, cut to 32
 // bits. 4294968 ms would wrap to 0.7 ms in 32-bit microseconds: that sleep
-// goes on until a signal ends it.
+// is still going on when its child is killed.
 TEST(Clocks, CountersAndSleep) {
   _LARGE_INTEGER frequency, counter;
   EXPECT_EQ(QueryPerformanceFrequency(nullptr) + QueryPerformanceCounter(nullptr), 0);
@@ -168,21 +158,9 @@ TEST(Clocks, CountersAndSleep) {
   EXPECT_GE(counter.QuadPart, steady);
   EXPECT_LT(counter.QuadPart - steady, 1000000000LL * zk3test::kTimeScale);
   const std::uint32_t from = static_cast<std::uint32_t>(time(nullptr) * 1000LL);
-  const std::uint32_t tick = static_cast<std::uint32_t>(GetTickCount());
-  EXPECT_LT(tick - from, static_cast<std::uint32_t>((time(nullptr) + 1) * 1000LL) - from);
+  EXPECT_LT(static_cast<std::uint32_t>(GetTickCount()) - from, 2000u * zk3test::kTimeScale);
   Sleep(1000);  // 1000 ms is one whole second and nothing more
   EXPECT_GE(std::chrono::steady_clock::now().time_since_epoch().count() - steady, 1000000000LL);
-  auto previous = std::signal(SIGUSR1, [](int) {});
-  std::atomic<pthread_t> self{};
-  auto sleeper = blocked([&] {
-    self = pthread_self();
-    Sleep(4294968ul);
-    return 0;
-  });
-  EXPECT_EQ(sleeper.wait_for(zk3test::scaled(20)), std::future_status::timeout) << "ended early";
-  while (sleeper.wait_for(zk3test::scaled(1)) != std::future_status::ready)
-    pthread_kill(self, SIGUSR1);
-  std::signal(SIGUSR1, previous);
+  zk3test::Child sleeper([] { Sleep(4294968ul); });
+  EXPECT_EQ(sleeper.wait(zk3test::scaled(100)), -1) << sleeper.describe();
 }
-
-}  // namespace
