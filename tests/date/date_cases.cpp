@@ -4,7 +4,6 @@
 // " = ", the text of its result (data/README.md lists the operations).
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -16,7 +15,6 @@
 #include <vector>
 
 #include "date/tz_file.h"
-#include "date/tzif_parser.h"
 #include "date/zone_rules.h"
 #include "zelkit3/date.h"
 #include "zelkit3/timezone.h"
@@ -29,19 +27,21 @@ using Words = std::vector<std::string>;
 const std::string kCorpus = ZK3_SOURCE_DIR "/tests/date/data/corpus/";
 std::map<std::string, _TIME_ZONE_INFORMATION> gZones;  // made by "zone" lines
 
-// Doubles as %.17g, which tells every two values apart.
-std::string text(double d) {
-  char out[32];
-  std::snprintf(out, sizeof out, "%.17g", d);
+// The text that snprintf makes of the arguments.
+template <class... A>
+std::string format(const char* pattern, A... args) {
+  char out[96];
+  std::snprintf(out, sizeof out, pattern, args...);
   return out;
 }
 
+// Doubles as %.17g, which tells every two values apart.
+std::string text(double d) { return format("%.17g", d); }
+
 // Records as 2010-03-14T01:59:59.400/0, the last field wDayOfWeek.
 std::string text(const _SYSTEMTIME& t) {
-  char out[64];
-  std::snprintf(out, sizeof out, "%04u-%02u-%02uT%02u:%02u:%02u.%03u/%u", t.wYear, t.wMonth, t.wDay,
-                t.wHour, t.wMinute, t.wSecond, t.wMilliseconds, t.wDayOfWeek);
-  return out;
+  return format("%04u-%02u-%02uT%02u:%02u:%02u.%03u/%u", t.wYear, t.wMonth, t.wDay, t.wHour,
+                t.wMinute, t.wSecond, t.wMilliseconds, t.wDayOfWeek);
 }
 
 _SYSTEMTIME record(const std::string& s) {
@@ -53,10 +53,8 @@ _SYSTEMTIME record(const std::string& s) {
 
 // tm with its own field values: year-mon-mdayThh:mm:ss/wday, yday, isdst.
 std::string text(const tm& c) {
-  char out[96];
-  std::snprintf(out, sizeof out, "%d-%d-%dT%d:%d:%d/%d y%d d%d", c.tm_year, c.tm_mon, c.tm_mday,
-                c.tm_hour, c.tm_min, c.tm_sec, c.tm_wday, c.tm_yday, c.tm_isdst);
-  return out;
+  return format("%d-%d-%dT%d:%d:%d/%d y%d d%d", c.tm_year, c.tm_mon, c.tm_mday, c.tm_hour, c.tm_min,
+                c.tm_sec, c.tm_wday, c.tm_yday, c.tm_isdst);
 }
 
 tm cTime(const std::string& s) {
@@ -73,23 +71,19 @@ std::string text(const _TIME_ZONE_INFORMATION* r) {
   if (r == nullptr) return "null";
   const bool named = std::memcmp(r->StandardName, blank.StandardName, sizeof blank.StandardName) ||
                      std::memcmp(r->DaylightName, blank.DaylightName, sizeof blank.DaylightName);
-  return std::to_string(r->Bias) + "," + std::to_string(r->StandardBias) + "," +
-         std::to_string(r->DaylightBias) + " D" + text(r->DaylightDate) + " S" +
-         text(r->StandardDate) + (named ? " named" : "");
+  return format("%d,%d,%d D", r->Bias, r->StandardBias, r->DaylightBias) + text(r->DaylightDate) +
+         " S" + text(r->StandardDate) + (named ? " named" : "");
 }
 
-// Records by year, freed with the map.
-struct Records : std::map<unsigned int, _TIME_ZONE_INFORMATION*> {
-  ~Records() {
-    for (auto& entry : *this) delete entry.second;
+// A load's result ("true": not read) and its records by year, freed on the way.
+std::string outcome(bool failed, detail::TziMap& records) {
+  std::string out = failed ? "true" : "false";
+  for (const auto& entry : records) {
+    out += " | " + std::to_string(entry.first) + ": " + text(entry.second);
+    delete entry.second;
   }
-  std::string all() const {
-    std::string out;
-    for (const auto& entry : *this)
-      out += " | " + std::to_string(entry.first) + ": " + text(entry.second);
-    return out;
-  }
-};
+  return out;
+}
 
 // A date is a record when it has a T, else a serial; results come back alike.
 bool isRecord(const std::string& s) { return s.find('T') != std::string::npos; }
@@ -106,14 +100,14 @@ std::string dateText(const std::string& like, double d) {
   return isRecord(like) && OleTimeToWindowsTime(d, &t) ? text(t) : text(d);
 }
 
-// Calls f on an output filled with a pattern: the output's text if f
-// succeeds, else whether the output kept every byte.
-template <class T, class F>
-std::string attempt(F f) {
+// Calls f(args..., output) on an output filled with a pattern: the output's
+// text if f succeeds, else whether the output kept every byte.
+template <class T, class F, class... A>
+std::string attempt(F f, A... args) {
   T out;
   std::memset(&out, 0x5A, sizeof out);
   const T before = out;
-  if (f(&out)) return text(out);
+  if (f(args..., &out)) return text(out);
   return std::memcmp(&out, &before, sizeof out) == 0 ? "refused" : "refused but written";
 }
 
@@ -122,18 +116,14 @@ std::string attempt(F f) {
 // past its end.
 std::string tzif(const std::string& file) {
   const std::string path = file[0] == '/' ? file : kCorpus + file;
-  std::vector<unsigned char> buffer(1 << 16);
-  FILE* in = std::fopen(path.c_str(), "rb");
-  const size_t size = in != nullptr ? std::fread(buffer.data(), 1, buffer.size(), in) : 0;
-  if (in != nullptr) std::fclose(in);
-  const std::vector<unsigned char> exact(buffer.begin(), buffer.begin() + size);
-  Records parsed, read;
-  const bool result = zelkit3::date::detail::parseTzif(exact.data(), size, parsed);
-  if (result != zelkit3::date::detail::loadTzifFile(path.c_str(), read) ||
-      parsed.all() != read.all()) {
-    return "parser and file layer differ";
-  }
-  return (result ? "true" : "false") + parsed.all();
+  std::ostringstream bytes;  // empty for a file that can't be read
+  bytes << std::ifstream(path, std::ios::binary).rdbuf();
+  const std::string content = bytes.str();
+  const std::vector<unsigned char> exact(content.begin(), content.end());
+  detail::TziMap parsed, loaded;
+  const std::string result = outcome(detail::parseTzif(exact.data(), exact.size(), parsed), parsed);
+  const std::string read = outcome(detail::loadTzifFile(path.c_str(), loaded), loaded);
+  return result == read ? result : "parser and file layer differ";
 }
 
 // "corpus:" names a file of the corpus from the zone folder; "null" is none.
@@ -143,38 +133,34 @@ std::string zoneName(const std::string& name) {
 
 const char* orNull(const std::string& name) { return name == "null" ? nullptr : name.c_str(); }
 
-// The enumerator of a zone name, where there is one; 3 is outside the
-// enumeration (and, as a name, a zone without a file).
-int builtIn(const std::string& name) {
-  static const char* const kNames[] = {"Local", "EST", "UTC", "3"};
-  const auto found = std::find(std::begin(kNames), std::end(kNames), name);
-  return found == std::end(kNames) ? -1 : static_cast<int>(found - kNames);
-}
+// The enumerators of zone names; 3 is outside the enumeration (and, as a
+// name, a zone without a file).
+const std::map<std::string, int> kEnumerators{{"Local", 0}, {"EST", 1}, {"UTC", 2}, {"3", 3}};
 
 std::string convert(const Words& w) {
   const double d = serial(w.at(3));
   const std::string from = zoneName(w.at(1)), to = zoneName(w.at(2));
   const double r = DateConvertTz(d, orNull(from), orNull(to));
-  const int a = builtIn(w.at(1)), b = builtIn(w.at(2));
-  const double byEnum = a < 0 || b < 0 ? r : DateConvertTz(d, eTimeZone(a), eTimeZone(b));
-  if (std::memcmp(&r, &byEnum, sizeof r) != 0) return "enumerators differ";
+  const auto a = kEnumerators.find(w[1]), b = kEnumerators.find(w[2]), none = kEnumerators.end();
+  const double e =
+      a == none || b == none ? r : DateConvertTz(d, eTimeZone(a->second), eTimeZone(b->second));
+  if (std::memcmp(&r, &e, sizeof r) != 0) return "enumerators differ";
   return dateText(w.at(3), r);
 }
 
 std::string evaluate(const Words& w) {
   const std::string& op = w.at(0);
-  if (op == "decode")
-    return attempt<_SYSTEMTIME>(
-        [&](_SYSTEMTIME* o) { return OleTimeToWindowsTime(serial(w.at(1)), o); });
-  _SYSTEMTIME r = record(w.size() > 1 ? w[1] : "");
-  tm c = cTime(w.size() > 1 ? w[1] : "");
-  if (op == "encode")
-    return attempt<double>([&](double* o) { return WindowsTimeToOleTime(&r, o); });
-  if (op == "ctime") return attempt<tm>([&](tm* o) { return OleTimeToCTime(serial(w.at(1)), o); });
+  // The first input as each kind of date; an operation reads the one it needs.
+  _SYSTEMTIME r = record(w.at(1));
+  tm c = cTime(w[1]);
+  const double s = serial(w[1]);
+  if (op == "decode") return attempt<_SYSTEMTIME>(OleTimeToWindowsTime, s);
+  if (op == "encode") return attempt<double>(WindowsTimeToOleTime, &r);
+  if (op == "ctime") return attempt<tm>(OleTimeToCTime, s);
   if (op == "totm") return attempt<tm>([&](tm* o) { return WindowsTimeToCTime(&r, o), true; });
   if (op == "fromtm") {
     return attempt<_SYSTEMTIME>([&](_SYSTEMTIME* o) { return CTimeToWindowsTime(&c, o), true; }) +
-           " " + attempt<double>([&](double* o) { return CTimeToOleTime(&c, o); });
+           " " + attempt<double>(CTimeToOleTime, &c);
   }
   if (op == "rule") return dateText("T", TransitionToOleTime(&r, std::stoi(w.at(2))));
   if (op == "zone") {
@@ -187,12 +173,9 @@ std::string evaluate(const Words& w) {
   if (op == "utc" || op == "local") {  // "null" passes a null pointer
     _TIME_ZONE_INFORMATION* z = w.at(1) == "null" ? nullptr : &gZones.at(w[1]);
     _SYSTEMTIME in = record(w.at(2));
-    _SYSTEMTIME* input = w[2] == "null" ? nullptr : &in;
     const bool toUTC = op == "utc", dst = z != nullptr && IsDaylightTime(z, !toUTC, serial(w[2]));
-    return attempt<_SYSTEMTIME>([&](_SYSTEMTIME* o) {
-             return toUTC ? TzSpecificLocalTimeToUTCTime(z, input, o)
-                          : UTCTimeToTzSpecificLocalTime(z, input, o);
-           }) +
+    return attempt<_SYSTEMTIME>(toUTC ? TzSpecificLocalTimeToUTCTime : UTCTimeToTzSpecificLocalTime,
+                                z, w[2] == "null" ? nullptr : &in) +
            (dst ? " dst" : " std");
   }
   if (op == "fill") {
@@ -203,22 +186,13 @@ std::string evaluate(const Words& w) {
   }
   if (op == "tzif") return tzif(w.at(1));
   if (op == "helper") {  // both lookups, by year and by record
-    IHistoricalTimezoneHelper* helper =
-        HistoricalTZHelpersFactory::getTZHelper(zoneName(w.at(1)).c_str());
+    auto* helper = HistoricalTZHelpersFactory::getTZHelper(zoneName(w.at(1)).c_str());
     _SYSTEMTIME date = record(w.at(2) + "-1-1");
     const _TIME_ZONE_INFORMATION* found = helper->getTimezoneInformationByYear(std::stoul(w[2]));
     return found == helper->getTimezoneInformationByYear(&date) ? text(found) : "lookups differ";
   }
   if (op == "convert") return convert(w);
   return "unknown operation";
-}
-
-// The line with its result recomputed; comments and blank lines as they are.
-std::string recompute(const std::string& line) {
-  if (line.empty() || line[0] == '#') return line;
-  std::istringstream in(line.substr(0, line.find(" = ")));
-  const Words words{std::istream_iterator<std::string>(in), {}};
-  return line.substr(0, line.find(" = ")) + " = " + evaluate(words);
 }
 
 // The recomputed file is written beside the test as <name>.actual: after a
@@ -229,11 +203,14 @@ void expectEveryLine(const char* name) {
   ASSERT_TRUE(file.good()) << name;
   int failures = 0;
   for (std::string line; std::getline(file, line);) {
-    const std::string actual = recompute(line);
-    rewritten << actual << '\n';
-    if (actual != line && ++failures <= 20) {
-      ADD_FAILURE() << name << " (" ZK3_ARCH ")\n  expected " << line << "\n  actual   " << actual;
+    std::string actual = line;  // comments and blank lines stay as they are
+    if (!line.empty() && line[0] != '#') {
+      std::istringstream call(line.substr(0, line.find(" = ")));
+      actual = call.str() + " = " + evaluate({std::istream_iterator<std::string>(call), {}});
     }
+    rewritten << actual << '\n';
+    if (actual != line && ++failures <= 20)
+      ADD_FAILURE() << name << " (" ZK3_ARCH ")\n  expected " << line << "\n  actual   " << actual;
   }
   EXPECT_EQ(0, failures) << name;
 }
