@@ -93,8 +93,9 @@ struct TestThread : AThread {
   int run() override {
     runs.fetch_add(1);
     selfJoined = join(INFINITE) && join(0);
+    const bool pausesForGood = pauses;  // read before the object may go
     entered.arriveAndWait();
-    while (pauses) pause();  // a cancellation point that leaves the object alone
+    while (pausesForGood) pause();  // a cancellation point that leaves the object alone
     leave.arriveAndWait();
     return 0;
   }
