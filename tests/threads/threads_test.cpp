@@ -1,0 +1,487 @@
+// The threads family: AThread, the timer manager, and the pool with its
+// queue and workers. A wait on another thread is a gate or a bounded poll of
+// a result; nothing sleeps to synchronise.
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <random>
+#include <stdexcept>
+#include <thread>
+#include <utility>
+
+#include "base/mutex_guard.h"
+#include "support/sync.h"
+#include "threads/thread_create.h"
+#include "threads/timer_interval.h"
+#include "threads/worker_census.h"
+#include "threads/worker_internal.h"
+#include "zelkit3/lifecycle.h"
+#include "zelkit3/thread_pool.h"
+#include "zelkit3/timer.h"
+#include "zelkit3/win_emul.h"
+
+namespace zelkit3::detail {
+
+struct TimerTestAccess {
+  struct State {
+    int interval;
+    bool thread;
+  };
+  static State state() {
+    CThreadTimerManagerImpl& m = CThreadTimerManagerImpl::c_inst;
+    MutexGuard guard(m.mMutex);
+    return {m.mInterval, m.mThread != nullptr};
+  }
+};
+
+struct ThreadPoolTestAccess {
+  static ThreadPoolImpl& impl(ThreadPool& pool) {
+    return *static_cast<ThreadPoolImpl*>(pool.mImpl);
+  }
+  static size_t workers(ThreadPool& pool) { return impl(pool).mWorkers.size(); }
+  struct State {
+    int idle, started;  // workers in their idle spell, workers with a thread
+    bool queueEmpty;
+  };
+  static State state(ThreadPool& pool) {
+    ThreadPoolImpl& p = impl(pool);
+    MutexGuard guard(p.mMutex);
+    return {p.mIdleWorkers.load(), static_cast<int>(p.mStartedWorkers.size()),
+            p.mTaskSource->empty()};
+  }
+};
+
+}  // namespace zelkit3::detail
+
+namespace {
+
+using zelkit3::AThread;
+using zelkit3::CThreadTimerManager;
+using zelkit3::ThreadPool;
+using zelkit3::detail::ThreadPoolTestAccess;
+using zelkit3::detail::TimerTestAccess;
+using zk3test::Gate;
+
+// Lets through as many thread creations as gAllowed says.
+std::atomic<int> gAllowed{1 << 30};
+int limitedCreate(pthread_t* t, const pthread_attr_t* a, void* (*f)(void*), void* arg) {
+  return gAllowed.fetch_sub(1) > 0 ? pthread_create(t, a, f, arg) : EAGAIN;
+}
+// Linked statically, the load hook comes in only if called.
+const bool gReady = (ZelKit3AtLoad(), zelkit3::detail::gCreateThread = &limitedCreate, true);
+
+template <class Pred>
+bool eventually(Pred pred, int ms = 10000) {
+  const auto end = std::chrono::steady_clock::now() + zk3test::scaled(ms);
+  while (!pred()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+// ---- AThread
+// -----------------------------------------------------------------
+
+// Counts its runs, joins itself, and waits at two gates, which pass freely
+// once opened; then pauses for good if asked to.
+struct TestThread : AThread {
+  int run() override {
+    runs.fetch_add(1);
+    selfJoined = join(INFINITE) && join(0);
+    const bool pausesForGood = pauses;  // read before the object may go
+    entered.arriveAndWait();
+    while (pausesForGood) pause();  // a cancellation point that leaves the object alone
+    leave.arriveAndWait();
+    return 0;
+  }
+  std::atomic<int> runs{0};
+  std::atomic<bool> selfJoined{false};
+  bool pauses = false;
+  Gate entered{2}, leave{2};
+};
+
+// Before it has a thread, an object has no priority, and a refused thread
+// leaves it ready for another start. A thread may join itself.
+TEST(AThreadTest, Lifecycle) {
+  TestThread t;
+  EXPECT_EQ(AThread::PriorityUnknown, t.getPriority());
+  EXPECT_FALSE(t.setPriority(AThread::PriorityLow));
+  gAllowed = 0;
+  EXPECT_FALSE(t.start());
+  gAllowed = 1 << 30;
+  EXPECT_TRUE(t.join(INFINITE));  // nothing to wait for
+  ASSERT_TRUE(t.start());
+  EXPECT_TRUE(t.start());  // still running: no second thread
+  EXPECT_TRUE(zelkit3::ThreadHandle(t.getHandle()->getHandle()).equals(&t));
+  EXPECT_FALSE(zelkit3::ThreadHandle().equals(&t));
+  EXPECT_FALSE(t.getHandle()->equals(static_cast<const AThread*>(nullptr)));
+  // Under SCHED_OTHER min, max and the remembered priority are all 0, and
+  // Default is tested first.
+  EXPECT_TRUE(t.setPriority(AThread::PriorityMedium));
+  EXPECT_EQ(AThread::PriorityDefault, t.getPriority());
+  t.entered.arriveAndWait();
+  EXPECT_FALSE(t.join(0));
+  t.leave.arriveAndWait();
+  EXPECT_TRUE(t.join(60000));
+  ASSERT_TRUE(t.start());  // ended: a new thread, whose run passes the open gates
+  EXPECT_TRUE(t.join(INFINITE));
+  EXPECT_EQ(2, t.runs.load());
+  EXPECT_TRUE(t.selfJoined.load());
+}
+
+// The destructor of a running object releases its joiner, which has left
+// join before the object is gone.
+TEST(AThreadTest, DestroyingARunningObjectReleasesItsJoiners) {
+  auto* t = new TestThread();
+  t->pauses = true;
+  ASSERT_TRUE(t->start());
+  t->entered.arriveAndWait();
+  std::atomic<pid_t> tid{0};
+  std::atomic<bool> joined{false};
+  std::thread joiner([&] {
+    tid = zk3test::currentTid();
+    joined = t->join(INFINITE);
+  });
+  while (tid.load() == 0) std::this_thread::yield();
+  ASSERT_TRUE(zk3test::waitUntilBlocked(tid));
+  delete t;
+  joiner.join();
+  EXPECT_TRUE(joined.load());
+}
+
+// ---- Timer manager
+// -----------------------------------------------------------
+
+int threadCount() {
+  DIR* dir = opendir("/proc/self/task");
+  int count = -2;  // "." and ".."
+  while (readdir(dir) != nullptr) ++count;
+  closedir(dir);
+  return count;
+}
+
+// Counts its firings, then calls fn.
+struct Callback : zelkit3::IThreadTimerManagerCallback {
+  explicit Callback(std::function<void(unsigned long)> f = nullptr) : fn(std::move(f)) {}
+  void onTimer(unsigned long id) override {
+    fired.fetch_add(1);
+    if (fn) fn(id);
+  }
+  std::function<void(unsigned long)> fn;
+  std::atomic<int> fired{0};
+};
+
+TEST(TimerTest, EachNewTimerAtLeastHalvesTheInterval) {
+  const int cases[][3] = {// present interval, new period, next interval
+                          {500, 1000, 250}, {250, 100, 31}, {31, 1000, 15}, {7, 5, 3},
+                          {0, 1000, 500},   {1, 1000, 0},   {10, 3, 5},     {11, 3, 2},
+                          {250, 250, 125},  {250, 125, 62}, {250, -5, 3},   {-4, 100, -2},
+                          {-4, -9, -2}};
+  for (const auto& c : cases) {
+    EXPECT_EQ(c[2], zelkit3::detail::nextTimerInterval(c[0], c[1])) << c[0] << ", " << c[1];
+  }
+}
+
+// The thread lives while timers are set. A refused thread sets no timer.
+TEST(TimerTest, OneThreadWhileTimersAreSet) {
+  Callback slow, fast;
+  std::thread([] {}).join();  // a sanitizer's helper thread comes with the first thread
+  const int before = threadCount();
+  gAllowed = 0;
+  EXPECT_EQ(0UL, CThreadTimerManager::setTimer(&slow, 1000));
+  gAllowed = 1 << 30;
+  EXPECT_EQ(before, threadCount());
+  CThreadTimerManager::killTimer(12345);  // nothing set: nothing happens
+  const unsigned long slowId = CThreadTimerManager::setTimer(&slow, 1000);
+  EXPECT_EQ(250, TimerTestAccess::state().interval);  // period / 2, halved again
+  const unsigned long fastId = CThreadTimerManager::setTimer(&fast, 50);
+  EXPECT_EQ(before + 1, threadCount());
+  ASSERT_TRUE(eventually([&] { return fast.fired.load() >= 3; }));
+  CThreadTimerManager::killTimer(fastId);
+  EXPECT_EQ(500,
+            TimerTestAccess::state().interval);  // half the smallest period left
+  CThreadTimerManager::killTimer(slowId);
+  EXPECT_FALSE(TimerTestAccess::state().thread);
+  EXPECT_EQ(before, threadCount());  // joined before the kill returned
+}
+
+// A callback may kill another timer and its own. The last timer, killed so,
+// ends the thread after the pass, unless its callback set a new one. A
+// callback's exception is contained.
+TEST(TimerTest, CallbacksKillSetAndThrow) {
+  Callback next;
+  Callback other([](unsigned long) { throw std::runtime_error("callback failed"); });
+  std::atomic<unsigned long> otherId{0}, nextId{0};
+  std::atomic<bool> setNext{false};
+  Callback self([&](unsigned long id) {
+    CThreadTimerManager::killTimer(otherId);
+    CThreadTimerManager::killTimer(id);
+    if (setNext) nextId = CThreadTimerManager::setTimer(&next, 5);
+  });
+  otherId = CThreadTimerManager::setTimer(&other, 2);
+  ASSERT_TRUE(eventually([&] { return other.fired.load() >= 3; }));
+  CThreadTimerManager::setTimer(&self, 5);
+  ASSERT_TRUE(eventually([] { return !TimerTestAccess::state().thread; }));
+  otherId = 0;  // its id may come back
+  setNext = true;
+  CThreadTimerManager::setTimer(&self, 5);
+  ASSERT_TRUE(eventually([&] { return next.fired.load() >= 2; }));
+  EXPECT_TRUE(TimerTestAccess::state().thread);
+  EXPECT_EQ(2, self.fired.load());
+  CThreadTimerManager::killTimer(nextId);
+}
+
+// One thread's setTimer often meets the other's teardown of the last timer.
+TEST(TimerTest, ATimerSetDuringATeardownStillFires) {
+  auto setFireKill = [] {
+    for (int i = 0; i < 100; ++i) {
+      Callback cb;
+      const unsigned long id = CThreadTimerManager::setTimer(&cb, 1);
+      ASSERT_TRUE(eventually([&] { return cb.fired.load() > 0; }));
+      CThreadTimerManager::killTimer(id);
+    }
+  };
+  std::thread other(setFireKill);
+  setFireKill();
+  other.join();
+}
+
+// ---- Thread pool
+// -------------------------------------------------------------
+
+struct Counts {
+  std::atomic<int> runs{0}, destroyed{0};
+  bool pauseInLastRelease = false;  // passes a cancellation point there
+};
+
+// Counts its runs, runs body, and deletes itself at its last
+// reference.
+struct Task final : zelkit3::IRunnable {
+  Task(Counts& c, std::function<void()> b) : counts(c), body(std::move(b)) {}
+  void run() override {
+    counts.runs.fetch_add(1);
+    if (body) body();
+  }
+  void addRef() override { refs.fetch_add(1); }
+  void release() override {
+    Counts& c = counts;
+    if (refs.fetch_sub(1) != 1) return;
+    if (c.pauseInLastRelease) usleep(1000);
+    delete this;
+    c.destroyed.fetch_add(1);
+  }
+  Counts& counts;
+  std::function<void()> body;
+  std::atomic<int> refs{1};
+};
+
+// Starts a new task and gives up the creator's reference at once.
+bool startNew(ThreadPool& pool, Counts& counts, std::function<void()> body = nullptr) {
+  Task* task = new Task(counts, std::move(body));
+  const bool accepted = pool.start(task);
+  task->release();
+  return accepted;
+}
+
+// A task body that waits at both gates.
+std::function<void()> held(Gate& entered, Gate& go) {
+  return [&entered, &go] {
+    entered.arriveAndWait();
+    go.arriveAndWait();
+  };
+}
+
+TEST(ThreadPoolTest, WorkerCounts) {
+  const unsigned int cases[][2] = {{0, 5}, {1, 1}, {20, 20}, {21, 20}};
+  for (const auto& c : cases) {
+    ThreadPool* pool = ThreadPool::create(c[0], c[0] % 2 == 0);
+    EXPECT_EQ(c[1], ThreadPoolTestAccess::workers(*pool));
+    pool->release();
+  }
+}
+
+// A task goes to the first free worker, with a thread or without; with one
+// worker held, the other runs all further tasks, directly or from the queue,
+// in the order they came. A task's exception leaves its worker in service.
+TEST(ThreadPoolTest, TasksRunInTheOrderTheyCame) {
+  Counts counts;
+  Gate entered(2), go(2);
+  std::atomic<int> next{0}, outOfOrder{0};
+  std::atomic<pid_t> first{0};
+  ThreadPool pool(2, true);
+  ASSERT_TRUE(startNew(pool, counts, [&] { first = zk3test::currentTid(); }));
+  while (first.load() == 0) std::this_thread::yield();
+  ASSERT_TRUE(zk3test::waitUntilBlocked(first));  // back in its idle wait
+  ASSERT_TRUE(startNew(pool, counts, held(entered, go)));
+  entered.arriveAndWait();
+  EXPECT_EQ(1, ThreadPoolTestAccess::state(pool).started);  // the free worker took it
+  for (int i = 0; i < 300; ++i) {
+    ASSERT_TRUE(startNew(pool, counts, [&, i] {
+      outOfOrder += next.fetch_add(1) != i;
+      if (i % 100 == 0) throw std::runtime_error("task failed");
+    }));
+  }
+  // The worker picks up queued work at once, well within its idle wait.
+  ASSERT_TRUE(eventually([&] { return counts.destroyed.load() == 301; }, 4000));
+  EXPECT_EQ(0, outOfOrder.load());
+  EXPECT_TRUE(ThreadPoolTestAccess::state(pool).queueEmpty);
+  go.arriveAndWait();
+}
+
+TEST(ThreadPoolTest, JoinWaitsForRunningTasksAndDropsQueuedOnes) {
+  Counts running, queued;
+  Gate entered(2), go(2);
+  auto* pool = new ThreadPool(1, true);
+  EXPECT_FALSE(pool->start(nullptr));
+  ASSERT_TRUE(startNew(*pool, running, held(entered, go)));
+  entered.arriveAndWait();
+  for (int i = 0; i < 10; ++i) ASSERT_TRUE(startNew(*pool, queued));
+  EXPECT_FALSE(ThreadPoolTestAccess::state(*pool).queueEmpty);
+  const pid_t self = zk3test::currentTid();
+  std::thread opener([&] {
+    EXPECT_TRUE(zk3test::waitUntilBlocked(self));  // join waits for the running task
+    go.arriveAndWait();
+  });
+  pool->join();
+  opener.join();
+  pool->join();  // returns at once
+  EXPECT_FALSE(startNew(*pool, queued));
+  delete pool;  // frees the queue with the pool
+  EXPECT_EQ(0, queued.runs.load());
+  EXPECT_EQ(11, queued.destroyed.load());
+}
+
+// The asynchronous end returns while tasks run. These finish, queued ones
+// never run, and the last worker frees the rest on its own thread, where
+// nothing may cut a queued task's release short.
+TEST(ThreadPoolTest, AsynchronousEndWhileTasksRun) {
+  Counts running, queued;
+  queued.pauseInLastRelease = true;
+  Gate entered(3), go(3);
+  ThreadPool* pool = ThreadPool::create(2, false);
+  for (int i = 0; i < 2; ++i) ASSERT_TRUE(startNew(*pool, running, held(entered, go)));
+  entered.arriveAndWait();
+  for (int i = 0; i < 20; ++i) ASSERT_TRUE(startNew(*pool, queued));
+  pool->release();
+  go.arriveAndWait();
+  ASSERT_TRUE(eventually([&] { return queued.destroyed.load() == 20; }));
+  EXPECT_TRUE(zelkit3::detail::waitForWorkerThreads(10000 * zk3test::kTimeScale));
+  EXPECT_EQ(0, queued.runs.load());
+}
+
+// Each idle spell of a worker is counted once, whoever ends it: once the pool
+// is quiet after concurrent starts, every worker with a thread is idle, and
+// the queue is empty.
+TEST(ThreadPoolTest, ConcurrentStartsKeepTheIdleCount) {
+  Counts counts;
+  ThreadPool pool(2, true);
+  std::thread starters[3];
+  for (auto& starter : starters) {
+    starter = std::thread([&] {
+      for (int i = 0; i < 500; ++i) EXPECT_TRUE(startNew(pool, counts));
+    });
+  }
+  for (auto& starter : starters) starter.join();
+  ASSERT_TRUE(eventually([&] { return counts.destroyed.load() == 1500; }, 4000));
+  ASSERT_TRUE(eventually([&] {
+    const ThreadPoolTestAccess::State state = ThreadPoolTestAccess::state(pool);
+    return state.idle == state.started && state.queueEmpty;
+  }));
+}
+
+// Many pools, tasks from two starters, every way to end: each round's tasks
+// are all released, whether they ran or not. Labelled slow.
+TEST(ThreadPoolStressTest, ManyPoolsEveryEnd) {
+  const unsigned seed = 20261123u;
+  std::mt19937 random(seed);
+  for (int r = 0; r < 200; ++r) {
+    Counts counts;
+    std::atomic<int> enders{2};
+    const unsigned threads = random() % 9;           // 0 asks for the default of 5
+    const unsigned end = random() % 3;               // join, asynchronous by the caller, by a task
+    const int tasks = random() % 2 == 0 ? 5000 : 1;  // one: the end meets the last unregister
+    ThreadPool* pool = ThreadPool::create(threads, end == 0);
+    Gate gate(2);
+    auto starter = [&] {
+      gate.arriveAndWait();
+      for (int i = 0; i < tasks; ++i) startNew(*pool, counts);
+      // The later ender to run ends the pool, while the other starter may
+      // still be inside its start.
+      if (end == 2)
+        startNew(*pool, counts, [&] {
+          if (enders.fetch_sub(1) == 1) pool->release();
+        });
+    };
+    std::thread helper(starter);
+    starter();
+    helper.join();
+    if (end != 2) pool->release();
+    const int all = 2 * tasks + (end == 2 ? 2 : 0);
+    ASSERT_TRUE(eventually([&] { return counts.destroyed.load() == all; }, 60000))
+        << "round " << r << ", seed " << seed;
+  }
+}
+
+// For the seam in start, between queueing a task and waking a worker.
+Gate* gGo = nullptr;
+Gate* gEnded = nullptr;
+std::atomic<bool> gPoolGone{false};
+
+// Lets the queued task run and end the pool, then gives the last worker
+// ample time to destroy it.
+void holdStartAfterQueueing() {
+  gGo->arriveAndWait();
+  gEnded->arriveAndWait();
+  gPoolGone = zelkit3::detail::waitForWorkerThreads(300 * zk3test::kTimeScale);
+}
+
+// The task that start has just queued ends the pool before start returns:
+// the pool must not be destroyed under the start call (under ASan a use
+// after free otherwise).
+TEST(ThreadPoolTest, AQueuedTaskThatEndsThePoolWaitsForItsStartToLeave) {
+  Counts counts;
+  Gate entered(2), go(2), ended(2);
+  gGo = &go;
+  gEnded = &ended;
+  ThreadPool* pool = ThreadPool::create(1, false);
+  ASSERT_TRUE(startNew(*pool, counts, held(entered, go)));
+  entered.arriveAndWait();
+  zelkit3::detail::gAfterTaskQueued.store(&holdStartAfterQueueing);
+  // The only worker is busy: this one goes through the queue.
+  EXPECT_TRUE(startNew(*pool, counts, [pool, &ended] {
+    pool->release();
+    ended.arriveAndWait();
+  }));
+  zelkit3::detail::gAfterTaskQueued.store(nullptr);
+  EXPECT_FALSE(gPoolGone.load()) << "the pool was destroyed inside start";
+  ASSERT_TRUE(eventually([&] { return counts.destroyed.load() == 2; }));
+  EXPECT_TRUE(zelkit3::detail::waitForWorkerThreads(10000 * zk3test::kTimeScale));
+}
+
+// Without any thread the pool refuses a task, also once the workers whose
+// thread was refused could have one. With one thread, it queues what the
+// other workers cannot take.
+TEST(ThreadPoolTest, RefusedThreads) {
+  Counts counts;
+  Gate entered(2), go(2);
+  ThreadPool none(3, true), one(4, true);
+  gAllowed = 0;
+  EXPECT_FALSE(startNew(none, counts));
+  EXPECT_EQ(1, counts.destroyed.load());  // the pool kept no reference
+  gAllowed = 1;
+  EXPECT_FALSE(startNew(none, counts));
+  ASSERT_TRUE(startNew(one, counts, held(entered, go)));
+  entered.arriveAndWait();
+  for (int i = 0; i < 10; ++i) EXPECT_TRUE(startNew(one, counts));
+  gAllowed = 1 << 30;
+  go.arriveAndWait();
+  ASSERT_TRUE(eventually([&] { return counts.destroyed.load() == 13; }));
+  EXPECT_EQ(11, counts.runs.load());
+}
+
+}  // namespace
