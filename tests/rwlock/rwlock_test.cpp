@@ -22,6 +22,12 @@ using namespace zelkit3;
 using namespace std::chrono_literals;
 
 static_assert(!std::is_copy_constructible<sharedrwlock>::value, "owns its lock alone");
+// The set-up steps are protected: only the lock and classes derived from it reach them.
+template <class T, class = void>
+struct PublicSetUp : std::false_type {};
+template <class T>
+struct PublicSetUp<T, std::void_t<decltype(&T::isLastProcess)>> : std::true_type {};
+static_assert(!PublicSetUp<UnixSharedRWLock>::value, "set-up steps are not public");
 
 // Fault injection: the library's ftok, semget and gettimeofday come here
 // first. A test names the call that fails next (with EACCES), or sets the
