@@ -145,8 +145,8 @@ TEST(EscapeData, LettersFromHighBytesPassInAnEightBitLocale) {
 // In the plain builds only: the sanitizers own malloc, and rightly flag the
 // member call on null below.
 #if ZK3_TEST_TIME_SCALE == 1
-// Out of memory: the next malloc of exactly gFailSize bytes fails. glibc's strdup and wcsdup
-// come here too.
+// Out of memory: the next malloc of exactly gFailSize bytes fails. glibc's
+// strdup and wcsdup come here too.
 extern "C" void* __libc_malloc(std::size_t size);
 static std::size_t gFailSize = 0;
 extern "C" void* malloc(std::size_t size) {
