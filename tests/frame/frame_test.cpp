@@ -74,4 +74,5 @@ TEST(References, HolderAndCount) {
   zelkit3::ThreadSafeAddRef count;
   EXPECT_EQ(2u, count.incrementRef());
   EXPECT_EQ(1u, count.decrementRef());
+  EXPECT_EQ(0u, count.decrementRef());
 }
