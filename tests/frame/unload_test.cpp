@@ -5,29 +5,35 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <fstream>
 #include <iterator>
 #include <string>
-#include <thread>
 
 #include "support/child.h"
 #include "support/temp_dir.h"
 #include "zelkit3/thread_pool.h"
 
-// In a child working in dir: opens the caller module, which loads the library,
-// and calls its function `name` (if any) with `arg`. Then it closes the
-// module, after which neither the library nor a thread of it may remain; or it
-// exits with the library still open, when the runtime runs the library's
-// static destructors before its unload hook. Gives "" if the child ends well,
-// else how it ended.
-std::string runCaller(const std::string& dir, const char* name, bool close, void* arg = nullptr) {
+// A task that keeps its worker busy for a while. It lives in this program,
+// which outlives the library, as a caller's task must.
+struct BusyTask : zelkit3::IRunnable {
+  void run() override { usleep(50 * 1000); }
+  void addRef() override {}
+  void release() override {}
+} gTask;
+
+// In a child working in dir: opens the caller module, which loads the library.
+// Without `use` it exits with the library still open, when the runtime runs
+// the library's static destructors before its unload hook. With `use` it
+// calls the module's function and closes the module, after which neither the
+// library nor a thread of it may remain. Gives "" if the child ends well, else
+// how it ended.
+std::string runCaller(const std::string& dir, bool use) {
   const zk3test::ChildResult r = zk3test::runInChild(
       [&] {
         void* caller = chdir(dir.c_str()) == 0 ? dlopen(ZK3_CALLER_FILE, RTLD_NOW) : nullptr;
         if (caller == nullptr) return 2;
-        if (name != nullptr) reinterpret_cast<void (*)(void*)>(dlsym(caller, name))(arg);
-        if (!close) return 0;
+        if (!use) return 0;
+        reinterpret_cast<void (*)(void*)>(dlsym(caller, "zk3Use"))(&gTask);
         dlclose(caller);
         if (dlopen(ZK3_LIBRARY_FILE, RTLD_NOW | RTLD_NOLOAD) != nullptr) return 3;
         struct stat tasks;  // its links: 2, and 1 per thread of this process
@@ -37,22 +43,6 @@ std::string runCaller(const std::string& dir, const char* name, bool close, void
   return r.status() == 0 ? "" : r.describe();
 }
 
-// A task that keeps its worker busy for a while. It lives in this program,
-// which outlives the library, as a caller's task must.
-struct BusyTask : zelkit3::IRunnable {
-  void run() override { std::this_thread::sleep_for(std::chrono::milliseconds(50)); }
-  void addRef() override {}
-  void release() override {}
-};
-
-// After an asynchronous end the pool's threads wind down on their own; an
-// unload right after it must wait until they have gone, as its tasks still
-// run then.
-TEST(Unload, RightAfterAnAsynchronousPoolEnd) {
-  BusyTask task;
-  EXPECT_EQ("", runCaller(".", "zk3EndPoolAsync", true, &task));
-}
-
 std::string readAll(const std::string& path) {
   std::ifstream in(path.c_str(), std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
@@ -60,16 +50,17 @@ std::string readAll(const std::string& path) {
 
 // "performance.log" in the working directory: written at unload only when
 // there are records, replacing an older one; one that cannot be opened stops
-// nothing.
-TEST(Unload, WritesTheReport) {
+// nothing. A pool ended asynchronously right before the unload still runs its
+// tasks: the unload waits until its threads have gone.
+TEST(Unload, WritesTheReportAfterAnAsynchronousPoolEnd) {
   zk3test::TempDir dir("zk3-report");
   const std::string report = dir.path("performance.log");
   const std::string old(3000, '#');
   std::ofstream(report.c_str()) << old;
-  EXPECT_EQ("", runCaller(dir.root(), nullptr, false));
+  EXPECT_EQ("", runCaller(dir.root(), false));
   EXPECT_EQ(old, readAll(report));
 
-  EXPECT_EQ("", runCaller(dir.root(), "zk3Record", true));
+  EXPECT_EQ("", runCaller(dir.root(), true));
   const std::string text = readAll(report);
   const std::string expected = readAll(ZK3_SOURCE_DIR "/tests/frame/performance_report.txt");
   EXPECT_EQ(expected, text.substr(0, expected.size()));
@@ -79,5 +70,5 @@ TEST(Unload, WritesTheReport) {
 
   ASSERT_EQ(0, unlink(report.c_str()));
   dir.folder("performance.log");
-  EXPECT_EQ("", runCaller(dir.root(), "zk3Record", true));
+  EXPECT_EQ("", runCaller(dir.root(), true));
 }
