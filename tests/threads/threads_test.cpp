@@ -80,20 +80,20 @@ bool eventually(Pred pred, int ms = 10000) {
 // -----------------------------------------------------------------
 
 // Joins itself and waits at two gates, which pass freely once opened; asked
-// to pause, it waits at a gate of its own instead and then pauses for good.
+// to pause, it says so, its last touch of the object, and pauses for good.
 struct TestThread : AThread {
   int run() override {
     selfJoined = join(INFINITE) && join(0);
     const bool pausesForGood = pauses;  // read before the object may go
     entered.arriveAndWait();
-    if (pausesForGood) paused.arriveAndWait();
+    if (pausesForGood) pausing = true;
     while (pausesForGood) pause();  // a cancellation point that leaves the object alone
     leave.arriveAndWait();
     return 0;
   }
-  std::atomic<bool> selfJoined{false};
+  std::atomic<bool> selfJoined{false}, pausing{false};
   bool pauses = false;
-  Gate entered{2}, leave{2}, paused{2};
+  Gate entered{2}, leave{2};
 };
 
 // Before it has a thread, an object has no priority, and a refused thread
@@ -122,7 +122,7 @@ TEST(AThreadTest, Lifecycle) {
   EXPECT_TRUE(t->selfJoined.load());
   t->pauses = true;
   ASSERT_TRUE(t->start());  // ended: a new thread, whose run passes the open gates
-  t->paused.arriveAndWait();
+  while (!t->pausing.load()) std::this_thread::yield();
   std::atomic<pid_t> tid{0};
   std::atomic<bool> joined{false};
   std::thread joiner([&] {
