@@ -275,8 +275,6 @@ TEST(ThreadPoolTest, WorkerCounts) {
 // A task goes to the first free worker, with a thread or without; with one
 // worker held, the other runs all further tasks, directly or from the queue,
 // in the order they came. A task's exception leaves its worker in service.
-// Each idle spell of a worker is counted once, whoever ends it: once the
-// pool is quiet, every worker with a thread is idle, and the queue is empty.
 TEST(ThreadPoolTest, TasksRunInTheOrderTheyCame) {
   Counts counts;
   Gate entered(2), go(2);
@@ -298,10 +296,26 @@ TEST(ThreadPoolTest, TasksRunInTheOrderTheyCame) {
   // The worker picks up queued work at once, well within its idle wait.
   ASSERT_TRUE(eventually([&] { return counts.destroyed.load() == 301; }, 4000));
   EXPECT_EQ(0, outOfOrder.load());
+  EXPECT_TRUE(ThreadPoolTestAccess::state(pool).queueEmpty);
   go.arriveAndWait();
+}
+
+// Each idle spell of a worker is counted once, whoever ends it: once the pool
+// is quiet after concurrent starts, every worker with a thread is idle, and
+// the queue is empty.
+TEST(ThreadPoolTest, ConcurrentStartsKeepTheIdleCount) {
+  Counts counts;
+  ThreadPool pool(2, true);
+  std::thread starters[3];
+  for (auto& starter : starters) {
+    starter = std::thread([&] {
+      for (int i = 0; i < 500; ++i) EXPECT_TRUE(startNew(pool, counts));
+    });
+  }
+  for (auto& starter : starters) starter.join();
   ASSERT_TRUE(eventually([&] {
     const ThreadPoolTestAccess::State state = ThreadPoolTestAccess::state(pool);
-    return state.idle == state.started && state.queueEmpty;
+    return state.idle == state.started && state.queueEmpty && counts.destroyed.load() == 1500;
   }));
 }
 
@@ -313,6 +327,7 @@ TEST(ThreadPoolTest, JoinWaitsForRunningTasksAndDropsQueuedOnes) {
   ASSERT_TRUE(startNew(*pool, running, held(entered, go)));
   entered.arriveAndWait();
   for (int i = 0; i < 10; ++i) ASSERT_TRUE(startNew(*pool, queued));
+  EXPECT_FALSE(ThreadPoolTestAccess::state(*pool).queueEmpty);
   const pid_t self = zk3test::currentTid();
   std::thread opener([&] {
     EXPECT_TRUE(zk3test::waitUntilBlocked(self));  // join waits for the running task
