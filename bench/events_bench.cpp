@@ -7,7 +7,7 @@
 #include <thread>
 
 #include "ratio_reporter.h"
-#include "support/counting_new.h"
+#include "counting_new.h"
 #include "zelkit3/win_emul.h"
 
 using namespace zelkit3::win_emul;
@@ -142,10 +142,10 @@ void readyWaitAnyOurs(benchmark::State& state) {
   void* events[kAny];
   for (void*& e : events) e = CreateEventW(nullptr, 1, 0, nullptr);
   SetEvent(events[kAny - 1]);
-  const long before = zk3test::gAllocations.load();
+  const long before = zk3bench::gAllocations.load();
   for (auto _ : state) benchmark::DoNotOptimize(WaitForMultipleObjects(kAny, events, 0, INFINITE));
   state.counters["allocs_per_wait"] =
-      double(zk3test::gAllocations.load() - before) / double(state.iterations());
+      double(zk3bench::gAllocations.load() - before) / double(state.iterations());
   for (void* e : events) CloseHandle(e);
 }
 
