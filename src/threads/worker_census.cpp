@@ -9,9 +9,14 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <cxxabi.h>
+
 #include "base/deadline.h"
 #include "base/mutex_guard.h"
 #include "threads/load_steps.h"
+
+// Defined by the C runtime's start files, one per shared object.
+extern "C" void* __dso_handle;
 
 namespace zelkit3 {
 namespace detail {
@@ -36,7 +41,7 @@ int gLeavingCount = 0;
 // ending. Bounded, so that a task that never returns cannot hang the exit.
 const unsigned long kExitWaitMs = 5000;
 
-void waitAtExit() { waitForWorkerThreads(kExitWaitMs); }
+void waitAtExit(void*) { waitForWorkerThreads(kExitWaitMs); }
 
 // Once per load, on the first worker thread, before anything may wait for
 // workers to leave:
@@ -47,8 +52,13 @@ void waitAtExit() { waitForWorkerThreads(kExitWaitMs); }
 //   loading takes the loader's lock. The unload hook runs under that lock
 //   while it waits for the worker to leave: loaded any later, the two would
 //   wait for each other. A backtrace loads it now (glibc keeps it loaded).
+// The handler is registered under this library's own DSO handle, which is
+// what atexit() does when it comes from libc_nonshared: the runtime drops it
+// when the library is unloaded. Called by name, atexit() may instead resolve
+// to a sanitizer's interceptor, which keeps it for process exit, when its code
+// is gone.
 void prepareForWorkers() {
-  atexit(&waitAtExit);
+  abi::__cxa_atexit(&waitAtExit, nullptr, &__dso_handle);
   void* frame;
   backtrace(&frame, 1);
 }
