@@ -142,8 +142,6 @@ TEST(EscapeData, LettersFromHighBytesPassInAnEightBitLocale) {
 
 }  // namespace
 
-// In the plain builds only: the sanitizers own malloc, and rightly flag the
-// member call on null below.
 // Out of memory, in the plain builds only (the sanitizers own malloc): the
 // next malloc of exactly gFailSize bytes fails. glibc's strdup and wcsdup
 // come here too.
