@@ -11,11 +11,9 @@
 #ifndef ZELKIT3_TESTS_SUPPORT_CHILD_H
 #define ZELKIT3_TESTS_SUPPORT_CHILD_H
 
-#include <poll.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/mman.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -44,7 +42,6 @@ struct ChildResult {
   int code = -1;       // the exit code, or the signal's number
   std::string output;  // what the child wrote to stdout and stderr
 
-  bool exitedWith(int c) const { return end == End::kExited && code == c; }
   bool killedBy(int sig) const { return end == End::kSignalled && code == sig; }
   // One number for one assertion: the exit code, 128 + the signal, or -1
   // when the child did not start or did not end within the bound.
@@ -105,16 +102,12 @@ class Child {
       leave(code);
     }
     mResult.end = mPid < 0 ? ChildResult::End::kNotStarted : ChildResult::End::kRunning;
-#ifdef SYS_pidfd_open
-    if (mPid > 0) mPidFd = static_cast<int>(syscall(SYS_pidfd_open, mPid, 0));
-#endif
   }
   ~Child() {
     if (running()) {
       kill(mPid, SIGKILL);
       waitpid(mPid, nullptr, 0);
     }
-    if (mPidFd >= 0) close(mPidFd);
     if (mOutput >= 0) close(mOutput);
   }
   Child(const Child&) = delete;
@@ -122,24 +115,20 @@ class Child {
 
   pid_t pid() const { return mPid; }
 
-  // Waits for the end within bound (then kills the child); the status as
-  // ChildResult::status gives it.
+  // Waits for the end within bound (then kills the child), looking every
+  // millisecond; the status as ChildResult::status gives it.
   int wait(std::chrono::milliseconds bound = scaled(10000)) {
     if (!running()) return mResult.status();
     const auto deadline = std::chrono::steady_clock::now() + bound;
     while (!reap(WNOHANG)) {
-      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-          deadline - std::chrono::steady_clock::now());
-      if (left.count() <= 0) {
+      if (std::chrono::steady_clock::now() >= deadline) {
         kill(mPid, SIGKILL);
         reap(0);
         mResult.end = ChildResult::End::kTimedOut;
         mResult.code = -1;
         break;
       }
-      // The pidfd is readable once the child has ended; without one, poll again in 1 ms.
-      pollfd p{mPidFd, POLLIN, 0};
-      ::poll(&p, 1, mPidFd >= 0 ? static_cast<int>(left.count()) : 1);
+      usleep(1000);
     }
     return mResult.status();
   }
@@ -187,7 +176,6 @@ class Child {
   }
 
   pid_t mPid = -1;
-  int mPidFd = -1;
   int mOutput = -1;
   ChildResult mResult;
 };
