@@ -15,6 +15,7 @@
 #include <memory>
 
 #include "support/child.h"
+#include "support/sync.h"
 #include "support/temp_dir.h"
 #include "zelkit3/rwlock.h"
 
@@ -201,8 +202,8 @@ TEST_F(LockTest, ScriptedHoldersKilledSignalledOrRemoved) {
       }) << std::flush;
     });
     const int waiting = c.held[0] == 0 && ours ? 1 : 0;  // in the kernel, for the slots
-    for (auto end = Clock::now() + zk3test::scaled(10000); Clock::now() < end; usleep(100))
-      if (semValues(path) == c.held && semctl(setOf(path), 1, GETNCNT) == waiting) break;
+    zk3test::eventually(
+        [&] { return semValues(path) == c.held && semctl(setOf(path), 1, GETNCNT) == waiting; });
     EXPECT_EQ(c.held, semValues(path)) << holder.describe();
     EXPECT_FALSE(waiting && ours->lockRead(0));
     if (c.end == 0) semctl(setOf(path), 0, IPC_RMID);

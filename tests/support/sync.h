@@ -41,6 +41,18 @@ class Gate {
   int mLeft;
 };
 
+// Polls pred every millisecond until it holds (true) or ms, scaled, have
+// passed (false): for a result that another thread or process brings about.
+template <class Pred>
+bool eventually(Pred pred, int ms = 10000) {
+  const auto end = std::chrono::steady_clock::now() + scaled(ms);
+  while (!pred()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
 inline pid_t currentTid() { return static_cast<pid_t>(syscall(SYS_gettid)); }
 
 // The scheduler state letter of one of our threads ('R', 'S', ...).

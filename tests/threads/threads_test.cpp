@@ -60,6 +60,7 @@ using zelkit3::CThreadTimerManager;
 using zelkit3::ThreadPool;
 using zelkit3::detail::ThreadPoolTestAccess;
 using zelkit3::detail::TimerTestAccess;
+using zk3test::eventually;
 using zk3test::Gate;
 
 // Lets through as many thread creations as gAllowed says.
@@ -69,16 +70,6 @@ int limitedCreate(pthread_t* t, const pthread_attr_t* a, void* (*f)(void*), void
 }
 // Linked statically, the load hook comes in only if called.
 const bool gReady = (ZelKit3AtLoad(), zelkit3::detail::gCreateThread = &limitedCreate, true);
-
-template <class Pred>
-bool eventually(Pred pred, int ms = 10000) {
-  const auto end = std::chrono::steady_clock::now() + zk3test::scaled(ms);
-  while (!pred()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
 
 // ---- AThread
 // -----------------------------------------------------------------
