@@ -58,7 +58,7 @@ TEST(TzFactory, NewNamesFromManyThreadsAtOnce) {
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t)
     threads.emplace_back([&, t] {
-      gate.arriveAndWait();
+      gate.arrive_and_wait();
       for (int n = 0; n < kNames; ++n) {
         const int k = (n + 7 * t) % kNames;  // the same names in other orders
         seen[t][k] = F::getTZHelper(name(k).c_str());

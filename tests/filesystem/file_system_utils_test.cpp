@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <string>
 
 #include "support/child.h"
@@ -15,9 +16,13 @@
 
 using namespace zelkit3;
 using FS = zelkit3::FileSystemUtils;
-using zk3test::exists;
 
 namespace {
+
+// Whether anything, a dangling link included, is at path.
+bool exists(const std::string& path) {
+  return std::filesystem::exists(std::filesystem::symlink_status(path));
+}
 
 // Runs body in a child chrooted into a new temporary folder, after making
 // the folders and files named, in order: a helper that goes wrong (a walk
@@ -28,14 +33,14 @@ void inTree(std::initializer_list<std::string> folders, std::initializer_list<st
   zk3test::TempDir tree;
   for (const std::string& folder : folders) tree.folder(folder);
   for (const std::string& file : files) tree.file(file);
-  const zk3test::ChildResult r = zk3test::runInChild([&] {
+  zk3test::Child child([&] {
     // Only root may chroot: another user first becomes root of a user namespace of its own.
     if (geteuid() != 0 && unshare(CLONE_NEWUSER) != 0) return 3;
     if (chroot(tree.root().c_str()) != 0 || chdir("/") != 0) return 2;
     body();
     return ::testing::Test::HasFailure() ? 1 : 0;
   });
-  EXPECT_EQ(0, r.status()) << r.describe();
+  EXPECT_EQ(0, child.wait()) << child.describe();
 }
 
 TEST(FileSystemUtils, PathsFilesAndFolders) {

@@ -2,13 +2,13 @@
 // caller module that does, so that closing the module unloads the library.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <thread>
 
 #include "support/child.h"
 #include "support/temp_dir.h"
@@ -29,15 +29,12 @@ struct BusyTask : zelkit3::IRunnable {
 // library nor a thread of it may remain. Gives "" if the child ends well, else
 // how it ended.
 std::string runCaller(const std::string& dir, bool use) {
-  const zk3test::ChildResult r = zk3test::runInChild(
+  zk3test::Child child(
       [&] {
-        // Its links: 2, and 1 per thread of this process. A sanitizer starts
-        // a thread of its own at the first thread made: make one first.
-        pthread_t first;
-        if (pthread_create(&first, nullptr, [](void*) -> void* { return nullptr; }, nullptr) != 0 ||
-            pthread_join(first, nullptr) != 0) {
-          return 5;
-        }
+        // /proc/self/task has 2 links, and 1 per thread of this process. A
+        // sanitizer starts a thread of its own at the first thread made:
+        // make one first.
+        std::thread([] {}).join();
         struct stat before, after;
         if (stat("/proc/self/task", &before) != 0) return 5;
         void* caller = chdir(dir.c_str()) == 0 ? dlopen(ZK3_CALLER_FILE, RTLD_NOW) : nullptr;
@@ -48,8 +45,8 @@ std::string runCaller(const std::string& dir, bool use) {
         if (dlopen(ZK3_LIBRARY_FILE, RTLD_NOW | RTLD_NOLOAD) != nullptr) return 3;
         return stat("/proc/self/task", &after) == 0 && after.st_nlink == before.st_nlink ? 0 : 4;
       },
-      zk3test::ChildExit::kRunExitHandlers);
-  return r.status() == 0 ? "" : r.describe();
+      /*runExitHandlers=*/true);
+  return child.wait() == 0 ? "" : child.describe();
 }
 
 std::string readAll(const std::string& path) {

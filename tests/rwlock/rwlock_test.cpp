@@ -24,11 +24,11 @@ using namespace std::chrono_literals;
 
 static_assert(!std::is_copy_constructible<sharedrwlock>::value, "owns its lock alone");
 // The set-up steps are protected: only the lock and classes derived from it reach them.
-template <class T, class = void>
-struct PublicSetUp : std::false_type {};
 template <class T>
-struct PublicSetUp<T, std::void_t<decltype(&T::isLastProcess)>> : std::true_type {};
-static_assert(!PublicSetUp<UnixSharedRWLock>::value, "set-up steps are not public");
+concept PublicSetUp = requires {
+  &T::isLastProcess;
+};
+static_assert(!PublicSetUp<UnixSharedRWLock>, "set-up steps are not public");
 
 // Fault injection: the library's ftok, semget and gettimeofday come here
 // first. A test names the call that fails next (with EACCES), or sets the
@@ -209,7 +209,7 @@ TEST_F(LockTest, ScriptedHoldersKilledSignalledOrRemoved) {
     if (c.end == 0) semctl(setOf(path), 0, IPC_RMID);
     kill(holder.pid(), c.end);  // signal 0 sends nothing
     holder.wait();
-    EXPECT_EQ(c.failure, holder.result().output) << holder.describe();
+    EXPECT_EQ(c.failure, holder.output()) << holder.describe();
     const int n = ours ? 1 : 0;
     EXPECT_EQ((c.end == 0 ? Values{{-1, -1, -1}} : Values{{1, kN - n, n}}), semValues(path));
   }

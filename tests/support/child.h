@@ -5,9 +5,6 @@
 //
 //   zk3test::Child child([&] { ...; return 0; });
 //   EXPECT_EQ(0, child.wait()) << child.describe();
-//
-//   const zk3test::ChildResult r = zk3test::runInChild([] { ... });
-//   EXPECT_EQ(0, r.status()) << r.describe();
 #ifndef ZELKIT3_TESTS_SUPPORT_CHILD_H
 #define ZELKIT3_TESTS_SUPPORT_CHILD_H
 
@@ -20,177 +17,103 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <functional>
 #include <string>
 #include <type_traits>
-#include <utility>
 
 #include "support/sync.h"
 
 namespace zk3test {
 
-// How the child leaves once its body has returned.
-enum class ChildExit {
-  kImmediate,        // _exit: no exit handlers, no unload, no flush
-  kRunExitHandlers,  // exit: handlers, static destructors and the library's unload run
-};
-
-// How a child ended.
-struct ChildResult {
-  enum class End { kNotStarted, kRunning, kExited, kSignalled, kTimedOut };
-  End end = End::kNotStarted;
-  int code = -1;       // the exit code, or the signal's number
-  std::string output;  // what the child wrote to stdout and stderr
-
-  bool killedBy(int sig) const { return end == End::kSignalled && code == sig; }
-  // One number for one assertion: the exit code, 128 + the signal, or -1
-  // when the child did not start or did not end within the bound.
-  int status() const {
-    return end == End::kExited ? code : end == End::kSignalled ? 128 + code : -1;
-  }
-  std::string describe() const {
-    std::string text;
-    switch (end) {
-      case End::kNotStarted: text = "child: fork failed"; break;
-      case End::kRunning: text = "child: still running"; break;
-      case End::kExited: text = "child: exited with " + std::to_string(code); break;
-      case End::kSignalled:
-        text = "child: killed by signal " + std::to_string(code) + " (" + strsignal(code) + ")";
-        if (code == SIGALRM) text += ", its watchdog";
-        break;
-      case End::kTimedOut: text = "child: still running at the bound, killed"; break;
-    }
-    if (output.empty()) return text + ", no output";
-    return text + ", its output:\n" + output;
-  }
-};
-
 // A forked child that runs body (a callable giving the exit code, or giving
-// nothing for 0; 99 when it throws) under alarm(watchdog), then leaves as
-// `how` says. Destroying an unfinished child kills and reaps it.
+// nothing for 0; 99 when it throws) under a watchdog alarm of 20 s, scaled.
+// It leaves through _exit, or, with runExitHandlers, through exit, so that
+// exit handlers, static destructors and the library's unload run. Destroying
+// an unfinished child kills and reaps it.
 class Child {
  public:
   template <class Body>
-  explicit Child(Body body, std::chrono::seconds watchdog = std::chrono::seconds(20 * kTimeScale),
-                 ChildExit how = ChildExit::kImmediate) {
-    mOutput = memfd_create("zk3-child-output", MFD_CLOEXEC);
-    std::fflush(stdout);
-    std::fflush(stderr);
+  explicit Child(Body body, bool runExitHandlers = false) {
+    std::fflush(nullptr);
     mPid = fork();
-    if (mPid == 0) {
-      signal(SIGALRM, SIG_DFL);  // a watchdog handler of the parent is not ours
-      alarm(static_cast<unsigned>(watchdog.count()));
-      if (mOutput >= 0) {
-        dup2(mOutput, 1);
-        dup2(mOutput, 2);
-        close(mOutput);
+    if (mPid < 0) mStatus = -1;
+    if (mPid != 0) return;
+    signal(SIGALRM, SIG_DFL);  // a watchdog handler of the parent is not ours
+    alarm(20 * kTimeScale);
+    dup2(mFd, 1);
+    dup2(mFd, 2);
+    int code = 99;
+    try {
+      if constexpr (std::is_void<decltype(body())>::value) {
+        body();
+        code = 0;
+      } else {
+        code = static_cast<int>(body());
       }
-      int code = 99;
-      try {
-        if constexpr (std::is_void<decltype(body())>::value) {
-          body();
-          code = 0;
-        } else {
-          code = static_cast<int>(body());
-        }
-      } catch (...) {
-      }
-      // Through a pointer the compiler cannot see as noreturn: ASan's hook
-      // before a noreturn call crashes at random in a child forked from a
-      // multi-threaded parent, while the exit itself runs fine.
-      void (*volatile leave)(int) = how == ChildExit::kImmediate ? _exit : exit;
-      leave(code);
+    } catch (...) {
     }
-    mResult.end = mPid < 0 ? ChildResult::End::kNotStarted : ChildResult::End::kRunning;
+    // Through a pointer the compiler cannot see as noreturn: ASan's hook
+    // before a noreturn call crashes at random in a child forked from a
+    // multi-threaded parent, while the exit itself runs fine.
+    void (*volatile leave)(int) = runExitHandlers ? exit : _exit;
+    leave(code);
   }
   ~Child() {
-    if (running()) {
-      kill(mPid, SIGKILL);
-      waitpid(mPid, nullptr, 0);
-    }
-    if (mOutput >= 0) close(mOutput);
+    wait(std::chrono::milliseconds(0));
+    close(mFd);
   }
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
 
   pid_t pid() const { return mPid; }
+  const std::string& output() const { return mOutput; }
 
-  // Waits for the end within bound (then kills the child), looking every
-  // millisecond; the status as ChildResult::status gives it.
+  // Waits for the end, looking every millisecond, and kills the child at the
+  // bound. Gives the exit code, 128 + the signal, or -1 when the child did
+  // not start or was killed at the bound.
   int wait(std::chrono::milliseconds bound = scaled(10000)) {
-    if (!running()) return mResult.status();
     const auto deadline = std::chrono::steady_clock::now() + bound;
-    while (!reap(WNOHANG)) {
-      if (std::chrono::steady_clock::now() >= deadline) {
+    while (mStatus == kRunning) {
+      int status = 0;
+      const pid_t r = waitpid(mPid, &status, WNOHANG);
+      if (r == mPid) {
+        mStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+      } else if (r != 0 || std::chrono::steady_clock::now() >= deadline) {
         kill(mPid, SIGKILL);
-        reap(0);
-        mResult.end = ChildResult::End::kTimedOut;
-        mResult.code = -1;
-        break;
+        waitpid(mPid, nullptr, 0);
+        mStatus = -1;
+      } else {
+        usleep(1000);
       }
-      usleep(1000);
     }
-    return mResult.status();
+    char buffer[4096];
+    for (ssize_t n; (n = pread(mFd, buffer, sizeof buffer, mOutput.size())) > 0;)
+      mOutput.append(buffer, static_cast<size_t>(n));
+    return mStatus;
   }
-  // SIGKILL and reap; true when it died by that signal.
+  // SIGKILL and reap; true when that signal ended it.
   bool killNow() {
-    if (running()) kill(mPid, SIGKILL);
-    wait();
-    return mResult.killedBy(SIGKILL);
+    if (mStatus == kRunning) kill(mPid, SIGKILL);
+    return wait() == 128 + SIGKILL;
   }
 
-  const ChildResult& result() const { return mResult; }
-  std::string describe() const { return mResult.describe(); }
+  // How it ended (SIGALRM: its watchdog), and its output.
+  std::string describe() const {
+    std::string end = "exited with " + std::to_string(mStatus);
+    if (mStatus == kRunning) end = "still running";
+    if (mStatus == -1) end = "not started, or killed at the bound";
+    if (mStatus > 128)
+      end = "killed by signal " + std::to_string(mStatus - 128) + " (" + strsignal(mStatus - 128) +
+            ")";
+    return "child: " + end + (mOutput.empty() ? ", no output" : ", its output:\n" + mOutput);
+  }
 
  private:
-  bool running() const { return mResult.end == ChildResult::End::kRunning; }
-
-  // True once the child is reaped; its end and output are then kept.
-  bool reap(int flags) {
-    int status = 0;
-    const pid_t r = waitpid(mPid, &status, flags);
-    if (r == 0) return false;
-    if (r != mPid) {
-      mResult.end = ChildResult::End::kTimedOut;  // lost: nothing to wait for
-      return true;
-    }
-    if (WIFEXITED(status)) {
-      mResult.end = ChildResult::End::kExited;
-      mResult.code = WEXITSTATUS(status);
-    } else {
-      mResult.end = ChildResult::End::kSignalled;
-      mResult.code = WTERMSIG(status);
-    }
-    readOutput();
-    return true;
-  }
-  void readOutput() {
-    if (mOutput < 0) return;
-    char buffer[4096];
-    off_t at = 0;
-    ssize_t n;
-    while ((n = pread(mOutput, buffer, sizeof buffer, at)) > 0) {
-      mResult.output.append(buffer, static_cast<size_t>(n));
-      at += n;
-    }
-  }
-
+  static constexpr int kRunning = -2;
   pid_t mPid = -1;
-  int mOutput = -1;
-  ChildResult mResult;
+  int mStatus = kRunning;
+  const int mFd = memfd_create("zk3-child-output", MFD_CLOEXEC);
+  std::string mOutput;
 };
-
-// Runs body in a child to its end, within bound (the child's watchdog
-// included).
-template <class Body>
-ChildResult runInChild(Body body, ChildExit how = ChildExit::kImmediate,
-                       std::chrono::milliseconds bound = scaled(20000)) {
-  Child child(std::move(body),
-              std::chrono::duration_cast<std::chrono::seconds>(bound) + std::chrono::seconds(1),
-              how);
-  child.wait(bound);
-  return child.result();
-}
 
 }  // namespace zk3test
 

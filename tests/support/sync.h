@@ -6,12 +6,12 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 #include <chrono>
-#include <condition_variable>
-#include <cstdio>
 #include <fstream>
-#include <mutex>
-#include <sstream>
+#include <future>
+#include <latch>
 #include <string>
 #include <thread>
 
@@ -20,26 +20,13 @@ namespace zk3test {
 // Time bounds in tests are scaled by this (larger under sanitizers).
 constexpr int kTimeScale = ZK3_TEST_TIME_SCALE;
 
-inline std::chrono::milliseconds scaled(int ms) { return std::chrono::milliseconds(ms * kTimeScale); }
+inline std::chrono::milliseconds scaled(int ms) {
+  return std::chrono::milliseconds(ms * kTimeScale);
+}
 
-// Lets n threads pass together: the last to arrive opens it for all.
-class Gate {
- public:
-  explicit Gate(int n) : mLeft(n) {}
-  void arriveAndWait() {
-    std::unique_lock<std::mutex> lock(mMutex);
-    if (--mLeft <= 0) {
-      mCv.notify_all();
-      return;
-    }
-    mCv.wait(lock, [this] { return mLeft <= 0; });
-  }
-
- private:
-  std::mutex mMutex;
-  std::condition_variable mCv;
-  int mLeft;
-};
+// The start gate: n threads arrive_and_wait, each once, and the last to come
+// lets them all pass.
+using Gate = std::latch;
 
 // Polls pred every millisecond until it holds (true) or ms, scaled, have
 // passed (false): for a result that another thread or process brings about.
@@ -55,28 +42,37 @@ bool eventually(Pred pred, int ms = 10000) {
 
 inline pid_t currentTid() { return static_cast<pid_t>(syscall(SYS_gettid)); }
 
-// The scheduler state letter of one of our threads ('R', 'S', ...).
-inline char threadState(pid_t tid) {
-  std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
-  std::string all((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-  const std::string::size_type close = all.rfind(')');
-  return close == std::string::npos || close + 2 >= all.size() ? '?' : all[close + 2];
-}
-
-// Polls until the thread sleeps in the kernel (a futex wait, here): the
-// thread has reached its blocking call. False if it never does within the
-// bound, so a test fails instead of hanging.
+// Polls until the thread sleeps in the kernel (a futex wait, here) at three
+// readings in a row, so that a thread passing through a short sleep on its
+// way is not taken for a blocked one: the thread has reached its blocking
+// call. False if it never does within the bound, so a test fails instead of
+// hanging.
 inline bool waitUntilBlocked(pid_t tid, std::chrono::milliseconds bound = scaled(10000)) {
   const auto deadline = std::chrono::steady_clock::now() + bound;
-  int sleepingSeen = 0;
-  while (std::chrono::steady_clock::now() < deadline) {
-    // Two readings in a row, so that a thread that just passed through a
-    // short sleep on its way is not mistaken for a blocked one.
-    sleepingSeen = threadState(tid) == 'S' ? sleepingSeen + 1 : 0;
-    if (sleepingSeen >= 3) return true;
-    std::this_thread::yield();
+  const std::string path = "/proc/self/task/" + std::to_string(tid) + "/stat";
+  for (int sleepingSeen = 0; sleepingSeen < 3; std::this_thread::yield()) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::ifstream stat(path);
+    const std::string all((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    const std::string::size_type close = all.rfind(')');  // the state letter follows ") "
+    const bool sleeping =
+        close != std::string::npos && close + 2 < all.size() && all[close + 2] == 'S';
+    sleepingSeen = sleeping ? sleepingSeen + 1 : 0;
   }
-  return false;
+  return true;
+}
+
+// Runs call on a thread of its own and gives its result's future once that
+// thread is blocked.
+template <class F>
+auto blocked(F call) -> std::future<decltype(call())> {
+  std::promise<pid_t> tid;
+  auto result = std::async(std::launch::async, [&tid, call] {
+    tid.set_value(currentTid());
+    return call();
+  });
+  EXPECT_TRUE(waitUntilBlocked(tid.get_future().get()));
+  return result;
 }
 
 }  // namespace zk3test

@@ -55,13 +55,9 @@ struct ThreadPoolTestAccess {
 
 namespace {
 
-using zelkit3::AThread;
-using zelkit3::CThreadTimerManager;
-using zelkit3::ThreadPool;
-using zelkit3::detail::ThreadPoolTestAccess;
-using zelkit3::detail::TimerTestAccess;
-using zk3test::eventually;
-using zk3test::Gate;
+using namespace zelkit3;
+using namespace zelkit3::detail;
+using namespace zk3test;
 
 // Lets through as many thread creations as gAllowed says.
 std::atomic<int> gAllowed{1 << 30};
@@ -69,21 +65,22 @@ int limitedCreate(pthread_t* t, const pthread_attr_t* a, void* (*f)(void*), void
   return gAllowed.fetch_sub(1) > 0 ? pthread_create(t, a, f, arg) : EAGAIN;
 }
 // Linked statically, the load hook comes in only if called.
-const bool gReady = (ZelKit3AtLoad(), zelkit3::detail::gCreateThread = &limitedCreate, true);
+const bool gReady = (ZelKit3AtLoad(), gCreateThread = &limitedCreate, true);
 
 // ---- AThread
 // -----------------------------------------------------------------
 
-// Joins itself and waits at two gates, which pass freely once opened; asked
-// to pause, it says so, its last touch of the object, and pauses for good.
+// Joins itself and waits at two gates; asked to pause, it says so and pauses
+// for good.
 struct TestThread : AThread {
   int run() override {
     selfJoined = join(INFINITE) && join(0);
-    const bool pausesForGood = pauses;  // read before the object may go
-    entered.arriveAndWait();
-    if (pausesForGood) pausing = true;
-    while (pausesForGood) pause();  // a cancellation point that leaves the object alone
-    leave.arriveAndWait();
+    if (pauses) {
+      pausing = true;    // its last touch of the object
+      for (;;) pause();  // a cancellation point that leaves the object alone
+    }
+    entered.arrive_and_wait();
+    leave.arrive_and_wait();
     return 0;
   }
   std::atomic<bool> selfJoined{false}, pausing{false};
@@ -105,37 +102,29 @@ TEST(AThreadTest, Lifecycle) {
   EXPECT_TRUE(t->join(INFINITE));  // nothing to wait for
   ASSERT_TRUE(t->start());
   EXPECT_TRUE(t->start());  // still running: no second thread
-  EXPECT_FALSE(zelkit3::ThreadHandle().equals(t));
+  EXPECT_FALSE(ThreadHandle().equals(t));
   // Under SCHED_OTHER min, max and the remembered priority are all 0, and
   // Default is tested first.
   EXPECT_TRUE(t->setPriority(AThread::PriorityMedium));
   EXPECT_EQ(AThread::PriorityDefault, t->getPriority());
-  t->entered.arriveAndWait();
+  t->entered.arrive_and_wait();
   EXPECT_FALSE(t->join(0));
-  t->leave.arriveAndWait();
+  t->leave.arrive_and_wait();
   EXPECT_TRUE(t->join(60000));
   EXPECT_TRUE(t->selfJoined.load());
   t->pauses = true;
-  ASSERT_TRUE(t->start());  // ended: a new thread, whose run passes the open gates
+  ASSERT_TRUE(t->start());  // ended: a new thread
   while (!t->pausing.load()) std::this_thread::yield();
-  std::atomic<pid_t> tid{0};
-  std::atomic<bool> joined{false};
-  std::thread joiner([&] {
-    tid = zk3test::currentTid();
-    joined = t->join(INFINITE);
-  });
-  while (tid.load() == 0) std::this_thread::yield();
-  ASSERT_TRUE(zk3test::waitUntilBlocked(tid));
+  auto joined = blocked([t] { return t->join(INFINITE); });
   delete t;
-  joiner.join();
-  EXPECT_TRUE(joined.load());
+  EXPECT_TRUE(joined.get());
 }
 
 // ---- Timer manager
 // -----------------------------------------------------------
 
 // Counts its firings, then calls fn.
-struct Callback : zelkit3::IThreadTimerManagerCallback {
+struct Callback : IThreadTimerManagerCallback {
   explicit Callback(std::function<void(unsigned long)> f = nullptr) : fn(std::move(f)) {}
   void onTimer(unsigned long id) override {
     fired.fetch_add(1);
@@ -149,9 +138,8 @@ TEST(TimerTest, EachNewTimerAtLeastHalvesTheInterval) {
   // present interval, new period, next interval
   const int cases[][3] = {{500, 1000, 250}, {250, 100, 31}, {31, 1000, 15}, {0, 1000, 500},
                           {10, 3, 5},       {11, 3, 2},     {250, -5, 3},   {-4, 100, -2}};
-  for (const auto& c : cases) {
-    EXPECT_EQ(c[2], zelkit3::detail::nextTimerInterval(c[0], c[1])) << c[0] << ", " << c[1];
-  }
+  for (const auto& c : cases)
+    EXPECT_EQ(c[2], nextTimerInterval(c[0], c[1])) << c[0] << ", " << c[1];
 }
 
 // The thread lives while timers are set. A refused thread sets no timer.
@@ -223,7 +211,7 @@ struct Counts {
 
 // Counts its runs, runs body, and deletes itself at its last
 // reference.
-struct Task final : zelkit3::IRunnable {
+struct Task final : IRunnable {
   Task(Counts& c, std::function<void()> b) : counts(c), body(std::move(b)) {}
   void run() override {
     counts.runs.fetch_add(1);
@@ -253,8 +241,8 @@ bool startNew(ThreadPool& pool, Counts& counts, std::function<void()> body = nul
 // A task body that waits at both gates.
 std::function<void()> held(Gate& entered, Gate& go) {
   return [&entered, &go] {
-    entered.arriveAndWait();
-    go.arriveAndWait();
+    entered.arrive_and_wait();
+    go.arrive_and_wait();
   };
 }
 
@@ -276,11 +264,11 @@ TEST(ThreadPoolTest, TasksRunInTheOrderTheyCame) {
   std::atomic<int> next{0}, outOfOrder{0};
   std::atomic<pid_t> first{0};
   ThreadPool pool(2, true);
-  ASSERT_TRUE(startNew(pool, counts, [&] { first = zk3test::currentTid(); }));
+  ASSERT_TRUE(startNew(pool, counts, [&] { first = currentTid(); }));
   while (first.load() == 0) std::this_thread::yield();
-  ASSERT_TRUE(zk3test::waitUntilBlocked(first));  // back in its idle wait
+  ASSERT_TRUE(waitUntilBlocked(first));  // back in its idle wait
   ASSERT_TRUE(startNew(pool, counts, held(entered, go)));
-  entered.arriveAndWait();
+  entered.arrive_and_wait();
   EXPECT_EQ(1U, ThreadPoolTestAccess::state(pool).started);  // the free worker took it
   for (int i = 0; i < 300; ++i) {
     ASSERT_TRUE(startNew(pool, counts, [&, i] {
@@ -292,7 +280,7 @@ TEST(ThreadPoolTest, TasksRunInTheOrderTheyCame) {
   ASSERT_TRUE(eventually([&] { return counts.destroyed.load() == 301; }, 4000));
   EXPECT_EQ(0, outOfOrder.load());
   EXPECT_TRUE(ThreadPoolTestAccess::state(pool).queueEmpty);
-  go.arriveAndWait();
+  go.arrive_and_wait();
 }
 
 TEST(ThreadPoolTest, JoinWaitsForRunningTasksAndDropsQueuedOnes) {
@@ -301,16 +289,12 @@ TEST(ThreadPoolTest, JoinWaitsForRunningTasksAndDropsQueuedOnes) {
   auto* pool = new ThreadPool(1, true);
   EXPECT_FALSE(pool->start(nullptr));
   ASSERT_TRUE(startNew(*pool, running, held(entered, go)));
-  entered.arriveAndWait();
+  entered.arrive_and_wait();
   for (int i = 0; i < 10; ++i) ASSERT_TRUE(startNew(*pool, queued));
   EXPECT_FALSE(ThreadPoolTestAccess::state(*pool).queueEmpty);
-  const pid_t self = zk3test::currentTid();
-  std::thread opener([&] {
-    EXPECT_TRUE(zk3test::waitUntilBlocked(self));  // join waits for the running task
-    go.arriveAndWait();
-  });
-  pool->join();
-  opener.join();
+  auto joined = blocked([pool] { pool->join(); });  // waits for the running task
+  go.arrive_and_wait();
+  joined.get();
   pool->join();  // returns at once
   EXPECT_FALSE(startNew(*pool, queued));
   delete pool;  // frees the queue with the pool
@@ -325,30 +309,28 @@ TEST(ThreadPoolTest, JoinWaitsForRunningTasksAndDropsQueuedOnes) {
 TEST(ThreadPoolTest, AQueuedTaskWakesTheIdleWorker) {
   for (int idler = 0; idler < 2; ++idler) {  // the worker that goes idle; the other is held
     Counts counts;
-    Gate e0(2), e1(2), e2(2), g0(2), g1(2), g2(2);
-    Gate* entered[] = {&e0, &e1};
-    Gate* go[] = {&g0, &g1};
+    Gate entered[] = {Gate(2), Gate(2), Gate(2)}, go[] = {Gate(2), Gate(2), Gate(2)};
     std::atomic<pid_t> tids[2] = {{0}, {0}};
     ThreadPool pool(2, true);
     for (int w = 0; w < 2; ++w) {
       ASSERT_TRUE(startNew(pool, counts, [&, w] {
-        tids[w] = zk3test::currentTid();
-        held(*entered[w], *go[w])();
+        tids[w] = currentTid();
+        held(entered[w], go[w])();
       }));
-      entered[w]->arriveAndWait();
+      entered[w].arrive_and_wait();
     }
-    go[idler]->arriveAndWait();
+    go[idler].arrive_and_wait();
     ASSERT_TRUE(eventually([&] { return ThreadPoolTestAccess::state(pool).idle == 1; }));
-    ASSERT_TRUE(zk3test::waitUntilBlocked(tids[idler]));  // in its idle wait
+    ASSERT_TRUE(waitUntilBlocked(tids[idler]));  // in its idle wait
     Task* waiting = new Task(counts, nullptr);
     ThreadPoolTestAccess::queueOnly(pool, waiting);
     waiting->release();
     // Held, so that the woken worker cannot be idle again at the check.
-    ASSERT_TRUE(startNew(pool, counts, held(e2, g2)));
+    ASSERT_TRUE(startNew(pool, counts, held(entered[2], go[2])));
     EXPECT_EQ(0U, ThreadPoolTestAccess::state(pool).idle) << idler;
-    e2.arriveAndWait();
-    g2.arriveAndWait();
-    go[1 - idler]->arriveAndWait();
+    entered[2].arrive_and_wait();
+    go[2].arrive_and_wait();
+    go[1 - idler].arrive_and_wait();
     ASSERT_TRUE(eventually([&] {
       const ThreadPoolTestAccess::State state = ThreadPoolTestAccess::state(pool);
       return state.idle == 2 && state.queueEmpty && counts.destroyed.load() == 4;
@@ -365,12 +347,12 @@ TEST(ThreadPoolTest, AsynchronousEndWhileTasksRun) {
   Gate entered(3), go(3);
   ThreadPool* pool = ThreadPool::create(2, false);
   for (int i = 0; i < 2; ++i) ASSERT_TRUE(startNew(*pool, running, held(entered, go)));
-  entered.arriveAndWait();
+  entered.arrive_and_wait();
   for (int i = 0; i < 20; ++i) ASSERT_TRUE(startNew(*pool, queued));
   pool->release();
-  go.arriveAndWait();
+  go.arrive_and_wait();
   ASSERT_TRUE(eventually([&] { return queued.destroyed.load() == 20; }));
-  EXPECT_TRUE(zelkit3::detail::waitForWorkerThreads(10000 * zk3test::kTimeScale));
+  EXPECT_TRUE(waitForWorkerThreads(10000 * kTimeScale));
   EXPECT_EQ(0, queued.runs.load());
 }
 
@@ -386,7 +368,7 @@ TEST(ThreadPoolStressTest, ManyPoolsEveryEnd) {
     ThreadPool* pool = ThreadPool::create(random() % 9, end == 0);  // 0: the default of 5
     Gate gate(2);
     auto starter = [&] {
-      gate.arriveAndWait();
+      gate.arrive_and_wait();
       for (int i = 0; i < tasks; ++i) startNew(*pool, counts);
       // The later ender to run ends the pool, while the other starter may
       // still be inside its start.
@@ -411,9 +393,9 @@ std::atomic<bool> gPoolGone{false};
 // Lets the queued task run and end the pool, then gives the last worker
 // ample time to destroy it.
 void holdStartAfterQueueing() {
-  gGo.arriveAndWait();
-  gEnded.arriveAndWait();
-  gPoolGone = zelkit3::detail::waitForWorkerThreads(300 * zk3test::kTimeScale);
+  gGo.arrive_and_wait();
+  gEnded.arrive_and_wait();
+  gPoolGone = waitForWorkerThreads(300 * kTimeScale);
 }
 
 // The task that start has just queued ends the pool before start returns:
@@ -424,17 +406,17 @@ TEST(ThreadPoolTest, AQueuedTaskThatEndsThePoolWaitsForItsStartToLeave) {
   Gate entered(2);
   ThreadPool* pool = ThreadPool::create(1, false);
   ASSERT_TRUE(startNew(*pool, counts, held(entered, gGo)));
-  entered.arriveAndWait();
-  zelkit3::detail::gAfterTaskQueued.store(&holdStartAfterQueueing);
+  entered.arrive_and_wait();
+  gAfterTaskQueued.store(&holdStartAfterQueueing);
   // The only worker is busy: this one goes through the queue.
   EXPECT_TRUE(startNew(*pool, counts, [pool] {
     pool->release();
-    gEnded.arriveAndWait();
+    gEnded.arrive_and_wait();
   }));
-  zelkit3::detail::gAfterTaskQueued.store(nullptr);
+  gAfterTaskQueued.store(nullptr);
   EXPECT_FALSE(gPoolGone.load()) << "the pool was destroyed inside start";
   ASSERT_TRUE(eventually([&] { return counts.destroyed.load() == 2; }));
-  EXPECT_TRUE(zelkit3::detail::waitForWorkerThreads(10000 * zk3test::kTimeScale));
+  EXPECT_TRUE(waitForWorkerThreads(10000 * kTimeScale));
 }
 
 // Without any thread the pool refuses a task, also once the workers whose
@@ -450,10 +432,10 @@ TEST(ThreadPoolTest, RefusedThreads) {
   gAllowed = 1;
   EXPECT_FALSE(startNew(none, counts));
   ASSERT_TRUE(startNew(one, counts, held(entered, go)));
-  entered.arriveAndWait();
+  entered.arrive_and_wait();
   for (int i = 0; i < 10; ++i) EXPECT_TRUE(startNew(one, counts));
   gAllowed = 1 << 30;
-  go.arriveAndWait();
+  go.arrive_and_wait();
   ASSERT_TRUE(eventually([&] { return counts.destroyed.load() == 13; }));
   EXPECT_EQ(11, counts.runs.load());
 }

@@ -24,6 +24,7 @@ struct EventTestAccess {
 }  // namespace zelkit3::win_emul
 
 using namespace zelkit3::win_emul;
+using zk3test::blocked;
 
 // This test links the library's objects statically: bring in the load hook.
 __attribute__((used)) void (*const gKeepLoadHook)() = &ZelKit3AtLoad;
@@ -39,18 +40,6 @@ struct Events : std::vector<void*> {
     for (void* e : *this) CloseHandle(e);
   }
 };
-
-// Runs a call on another thread and returns once that thread is blocked.
-template <class F>
-static std::future<unsigned long> blocked(F call) {
-  std::promise<pid_t> tid;
-  std::future<unsigned long> result = std::async(std::launch::async, [&tid, call] {
-    tid.set_value(zk3test::currentTid());
-    return call();
-  });
-  EXPECT_TRUE(zk3test::waitUntilBlocked(tid.get_future().get()));
-  return result;
-}
 
 // A thread released by a pulse may close the event at once, while the
 // pulsing thread is still inside PulseEvent (which takes no lock that close
