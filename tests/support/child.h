@@ -69,7 +69,7 @@ class Child {
 
   // Waits for the end, looking every millisecond, and kills the child at the
   // bound. Gives the exit code, 128 + the signal, or -1 when the child did
-  // not start or was killed at the bound.
+  // not start, was killed at the bound or was reaped by someone else.
   int wait(std::chrono::milliseconds bound = scaled(10000)) {
     const auto deadline = std::chrono::steady_clock::now() + bound;
     while (mStatus == kRunning) {
@@ -77,12 +77,14 @@ class Child {
       const pid_t r = waitpid(mPid, &status, WNOHANG);
       if (r == mPid) {
         mStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-      } else if (r != 0 || std::chrono::steady_clock::now() >= deadline) {
-        kill(mPid, SIGKILL);
-        waitpid(mPid, nullptr, 0);
-        mStatus = -1;
-      } else {
+      } else if (r == 0 && std::chrono::steady_clock::now() < deadline) {
         usleep(1000);
+      } else {
+        if (r == 0) {  // at the bound; an error means it is not ours to kill any more
+          kill(mPid, SIGKILL);
+          waitpid(mPid, nullptr, 0);
+        }
+        mStatus = -1;
       }
     }
     char buffer[4096];
@@ -100,7 +102,7 @@ class Child {
   std::string describe() const {
     std::string end = "exited with " + std::to_string(mStatus);
     if (mStatus == kRunning) end = "still running";
-    if (mStatus == -1) end = "not started, or killed at the bound";
+    if (mStatus == -1) end = "not started, killed at the bound or lost";
     if (mStatus > 128)
       end = "killed by signal " + std::to_string(mStatus - 128) + " (" + strsignal(mStatus - 128) +
             ")";
