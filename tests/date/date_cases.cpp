@@ -16,6 +16,7 @@
 
 #include "date/tz_file.h"
 #include "date/zone_rules.h"
+#include "support/temp_dir.h"
 #include "zelkit3/date.h"
 #include "zelkit3/timezone.h"
 
@@ -116,9 +117,7 @@ std::string attempt(F f, A... args) {
 // past its end.
 std::string tzif(const std::string& file) {
   const std::string path = file[0] == '/' ? file : kCorpus + file;
-  std::ostringstream bytes;  // empty for a file that can't be read
-  bytes << std::ifstream(path, std::ios::binary).rdbuf();
-  const std::string content = bytes.str();
+  const std::string content = zk3test::readFile(path);
   const std::vector<unsigned char> exact(content.begin(), content.end());
   detail::TziMap parsed, loaded;
   const std::string result = outcome(detail::parseTzif(exact.data(), exact.size(), parsed), parsed);

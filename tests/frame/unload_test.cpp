@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <thread>
 
@@ -49,11 +48,6 @@ std::string runCaller(const std::string& dir, bool use) {
   return child.wait() == 0 ? "" : child.describe();
 }
 
-std::string readAll(const std::string& path) {
-  std::ifstream in(path.c_str(), std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 // "performance.log" in the working directory: written at unload only when
 // there are records, replacing an older one; one that cannot be opened stops
 // nothing. A pool ended asynchronously right before the unload still runs its
@@ -64,11 +58,12 @@ TEST(Unload, WritesTheReportAfterAnAsynchronousPoolEnd) {
   const std::string old(3000, '#');
   std::ofstream(report.c_str()) << old;
   EXPECT_EQ("", runCaller(dir.root(), false));
-  EXPECT_EQ(old, readAll(report));
+  EXPECT_EQ(old, zk3test::readFile(report));
 
   EXPECT_EQ("", runCaller(dir.root(), true));
-  const std::string text = readAll(report);
-  const std::string expected = readAll(ZK3_SOURCE_DIR "/tests/frame/performance_report.txt");
+  const std::string text = zk3test::readFile(report);
+  const std::string expected =
+      zk3test::readFile(ZK3_SOURCE_DIR "/tests/frame/performance_report.txt");
   EXPECT_EQ(expected, text.substr(0, expected.size()));
   // The measured record, last by its key, with a time of the clock's.
   EXPECT_NE(std::string::npos, text.find("\nCall count = 1\n", expected.size()));

@@ -71,22 +71,15 @@ class Child {
   // bound. Gives the exit code, 128 + the signal, or -1 when the child did
   // not start, was killed at the bound or was reaped by someone else.
   int wait(std::chrono::milliseconds bound = scaled(10000)) {
-    const auto deadline = std::chrono::steady_clock::now() + bound;
-    while (mStatus == kRunning) {
-      int status = 0;
-      const pid_t r = waitpid(mPid, &status, WNOHANG);
-      if (r == mPid) {
-        mStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-      } else if (r == 0 && std::chrono::steady_clock::now() < deadline) {
-        usleep(1000);
-      } else {
-        if (r == 0) {  // at the bound; an error means it is not ours to kill any more
-          kill(mPid, SIGKILL);
-          waitpid(mPid, nullptr, 0);
-        }
-        mStatus = -1;
-      }
+    if (mStatus != kRunning) return mStatus;
+    int status = 0;
+    pid_t r = 0;
+    if (!eventually([&] { return (r = waitpid(mPid, &status, WNOHANG)) != 0; }, bound)) {
+      kill(mPid, SIGKILL);  // at the bound
+      waitpid(mPid, nullptr, 0);
     }
+    // -1 also when waitpid failed: the child is not ours to wait for any more.
+    mStatus = r != mPid ? -1 : WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     char buffer[4096];
     for (ssize_t n; (n = pread(mFd, buffer, sizeof buffer, mOutput.size())) > 0;)
       mOutput.append(buffer, static_cast<size_t>(n));

@@ -9,11 +9,12 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <fstream>
 #include <future>
 #include <latch>
 #include <string>
 #include <thread>
+
+#include "support/temp_dir.h"
 
 namespace zk3test {
 
@@ -28,11 +29,12 @@ inline std::chrono::milliseconds scaled(int ms) {
 // lets them all pass.
 using Gate = std::latch;
 
-// Polls pred every millisecond until it holds (true) or ms, scaled, have
-// passed (false): for a result that another thread or process brings about.
+// Polls pred every millisecond until it holds (true) or the bound has passed
+// (false): for a result that another thread or process brings about. pred is
+// asked at least once.
 template <class Pred>
-bool eventually(Pred pred, int ms = 10000) {
-  const auto end = std::chrono::steady_clock::now() + scaled(ms);
+bool eventually(Pred pred, std::chrono::milliseconds bound = scaled(10000)) {
+  const auto end = std::chrono::steady_clock::now() + bound;
   while (!pred()) {
     if (std::chrono::steady_clock::now() > end) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -47,19 +49,17 @@ inline pid_t currentTid() { return static_cast<pid_t>(syscall(SYS_gettid)); }
 // way is not taken for a blocked one: the thread has reached its blocking
 // call. False if it never does within the bound, so a test fails instead of
 // hanging.
-inline bool waitUntilBlocked(pid_t tid, std::chrono::milliseconds bound = scaled(10000)) {
-  const auto deadline = std::chrono::steady_clock::now() + bound;
+inline bool waitUntilBlocked(pid_t tid) {
   const std::string path = "/proc/self/task/" + std::to_string(tid) + "/stat";
-  for (int sleepingSeen = 0; sleepingSeen < 3; std::this_thread::yield()) {
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::ifstream stat(path);
-    const std::string all((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-    const std::string::size_type close = all.rfind(')');  // the state letter follows ") "
+  int sleepingSeen = 0;
+  return eventually([&] {
+    const std::string stat = readFile(path);
+    const std::string::size_type close = stat.rfind(')');  // the state letter follows ") "
     const bool sleeping =
-        close != std::string::npos && close + 2 < all.size() && all[close + 2] == 'S';
+        close != std::string::npos && close + 2 < stat.size() && stat[close + 2] == 'S';
     sleepingSeen = sleeping ? sleepingSeen + 1 : 0;
-  }
-  return true;
+    return sleepingSeen >= 3;
+  });
 }
 
 // Runs call on a thread of its own and gives its result's future once that

@@ -13,10 +13,21 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <system_error>
 
 namespace zk3test {
+
+// The whole content of a file; empty if it cannot be read.
+// (A stream insertion, which turns a read error such as EISDIR into failbit
+// where an istreambuf_iterator would throw.)
+inline std::string readFile(const std::string& path) {
+  std::ostringstream content;
+  content << std::ifstream(path, std::ios::binary).rdbuf();
+  return content.str();
+}
 
 class TempDir {
  public:

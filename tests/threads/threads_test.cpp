@@ -277,7 +277,7 @@ TEST(ThreadPoolTest, TasksRunInTheOrderTheyCame) {
     }));
   }
   // The worker picks up queued work at once, well within its idle wait.
-  ASSERT_TRUE(eventually([&] { return counts.destroyed.load() == 301; }, 4000));
+  ASSERT_TRUE(eventually([&] { return counts.destroyed.load() == 301; }, scaled(4000)));
   EXPECT_EQ(0, outOfOrder.load());
   EXPECT_TRUE(ThreadPoolTestAccess::state(pool).queueEmpty);
   go.arrive_and_wait();
@@ -382,7 +382,8 @@ TEST(ThreadPoolStressTest, ManyPoolsEveryEnd) {
     helper.join();
     if (end != 2) pool->release();
     const int all = 2 * tasks + (end == 2 ? 2 : 0);
-    ASSERT_TRUE(eventually([&] { return counts.destroyed.load() == all; }, 60000)) << "round " << r;
+    ASSERT_TRUE(eventually([&] { return counts.destroyed.load() == all; }, scaled(60000)))
+        << "round " << r;
   }
 }
 
