@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "support/sync.h"
+#include "support/temp_dir.h"
 #include "zelkit3/date.h"
 #include "zelkit3/timezone.h"
 
@@ -90,16 +91,18 @@ TEST(ZoneFiles, ABufferThatCannotBeAllocatedIsAFailedRead) {
     GTEST_SKIP() << "the sanitizer's allocator aborts on a size no memory holds";
   // A sparse file of 2^62 bytes on tmpfs, which costs no memory. On x86_64
   // no address space holds its buffer; on i386 (32-bit off_t) stat already
-  // refuses its size. Either way the file is not loaded.
+  // refuses its size. Either way the file is not loaded, nor left open.
   char path[] = "/dev/shm/zk3_date_huge_XXXXXX";
   const int fd = mkstemp64(path);  // the 64 forms: the size is past 32-bit off_t
   if (fd < 0) GTEST_SKIP() << "no /dev/shm to hold a sparse file";
   const bool sized = ftruncate64(fd, static_cast<off64_t>(1) << 62) == 0;
   close(fd);
+  const long fds = zk3test::openFds();
   const int loaded = sized ? records(path) : 0;
   unlink(path);
   if (!sized) GTEST_SKIP() << "/dev/shm refuses a file of 2^62 bytes";
   EXPECT_EQ(-1, loaded);
+  EXPECT_EQ(fds, zk3test::openFds());
 }
 
 // The clocks read time() to the second, the local one (DateNow, through

@@ -96,8 +96,6 @@ std::array<int, 6> allOps(sharedrwlock& l) {
            l.upgradeToLockWrite(0)}};
 }
 
-long openFds() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
-
 // A private folder whose files' sets go with it, also when the test fails.
 struct LockTest : ::testing::Test {
   ~LockTest() override {
@@ -153,11 +151,11 @@ TEST_F(LockTest, ConstructorOutcomes) {
     auto before = busy ? std::make_unique<UnixSharedRWLock>(p.c_str()) : nullptr;
     if (busy) flock(fd, LOCK_EX);
     gFailNext = failNext;
-    const long fds = openFds();
+    const long fds = zk3test::openFds();
     const auto start = Clock::now();
     std::unique_ptr<UnixSharedRWLock> lock;
     EXPECT_EQ(failure, failureOf([&] { lock = std::make_unique<UnixSharedRWLock>(p.c_str()); }));
-    EXPECT_EQ(fds, openFds()) << failure;
+    EXPECT_EQ(fds, zk3test::openFds()) << failure;
     EXPECT_TRUE(!busy || Clock::now() - start > 99ms);
     before.reset();
     EXPECT_EQ(lock || busy, semValues(p) == kFresh) << name;

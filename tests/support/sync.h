@@ -9,8 +9,10 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <filesystem>
 #include <future>
 #include <latch>
+#include <set>
 #include <string>
 #include <thread>
 
@@ -43,6 +45,14 @@ bool eventually(Pred pred, std::chrono::milliseconds bound = scaled(10000)) {
 }
 
 inline pid_t currentTid() { return static_cast<pid_t>(syscall(SYS_gettid)); }
+
+// The ids of this process's threads.
+inline std::set<pid_t> threadIds() {
+  std::set<pid_t> ids;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task"))
+    ids.insert(std::stoi(task.path().filename()));
+  return ids;
+}
 
 // Polls until the thread sleeps in the kernel (a futex wait, here) at three
 // readings in a row, so that a thread passing through a short sleep on its

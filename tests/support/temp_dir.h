@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <system_error>
@@ -27,6 +28,11 @@ inline std::string readFile(const std::string& path) {
   std::ostringstream content;
   content << std::ifstream(path, std::ios::binary).rdbuf();
   return content.str();
+}
+
+// The descriptors this process has open.
+inline long openFds() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
 class TempDir {

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <functional>
 #include <random>
+#include <set>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -142,20 +143,30 @@ TEST(TimerTest, EachNewTimerAtLeastHalvesTheInterval) {
     EXPECT_EQ(c[2], nextTimerInterval(c[0], c[1])) << c[0] << ", " << c[1];
 }
 
-// The thread lives while timers are set. A refused thread sets no timer.
+// The thread lives while timers are set. A refused thread sets no timer. A
+// new timer and the last kill wake the thread at once: neither waits out the
+// poll of a slow timer (here 500 s), which does not fire before its period.
 TEST(TimerTest, OneThreadWhileTimersAreSet) {
-  Callback slow, fast;
+  std::atomic<int> fastRuns{0};
+  Callback slow, fast([&](unsigned long id) {
+    if (++fastRuns == 3) CThreadTimerManager::killTimer(id);  // not the last timer
+  });
   gAllowed = 0;
-  EXPECT_EQ(0UL, CThreadTimerManager::setTimer(&slow, 1000));
+  EXPECT_EQ(0UL, CThreadTimerManager::setTimer(&slow, 1000000));
   gAllowed = 1 << 30;
   EXPECT_FALSE(TimerTestAccess::state().second);
   CThreadTimerManager::killTimer(12345);  // nothing set: nothing happens
-  const unsigned long slowId = CThreadTimerManager::setTimer(&slow, 1000);
-  EXPECT_EQ(250, TimerTestAccess::state().first);  // period / 2, halved again
-  const unsigned long fastId = CThreadTimerManager::setTimer(&fast, 50);
-  ASSERT_TRUE(eventually([&] { return fast.fired.load() >= 3; }));
-  CThreadTimerManager::killTimer(fastId);
-  EXPECT_EQ(500, TimerTestAccess::state().first);  // half the smallest period left
+  const std::set<pid_t> before = threadIds();
+  const unsigned long slowId = CThreadTimerManager::setTimer(&slow, 1000000);
+  EXPECT_EQ(250000, TimerTestAccess::state().first);  // period / 2, halved again
+  pid_t timerThread = 0;
+  for (const pid_t id : threadIds()) timerThread = before.count(id) != 0 ? timerThread : id;
+  ASSERT_TRUE(waitUntilBlocked(timerThread));  // in its poll
+  CThreadTimerManager::setTimer(&fast, 50);
+  ASSERT_TRUE(eventually([&] { return fast.fired.load() == 3; }));
+  ASSERT_TRUE(waitUntilBlocked(timerThread));  // in the poll after the kill
+  EXPECT_EQ(500000, TimerTestAccess::state().first);  // half the smallest period left
+  EXPECT_EQ(0, slow.fired.load());
   CThreadTimerManager::killTimer(slowId);
   EXPECT_FALSE(TimerTestAccess::state().second);
 }
@@ -182,6 +193,7 @@ TEST(TimerTest, CallbacksKillSetAndThrow) {
   CThreadTimerManager::setTimer(&self, 5);
   ASSERT_TRUE(eventually([&] { return next.fired.load() >= 2; }));
   EXPECT_TRUE(TimerTestAccess::state().second);
+  EXPECT_EQ(1, TimerTestAccess::state().first);  // as for a first timer: 5 / 2, halved
   EXPECT_EQ(2, self.fired.load());
   CThreadTimerManager::killTimer(nextId);
 }
