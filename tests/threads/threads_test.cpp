@@ -145,7 +145,8 @@ TEST(TimerTest, EachNewTimerAtLeastHalvesTheInterval) {
 
 // The thread lives while timers are set. A refused thread sets no timer. A
 // new timer and the last kill wake the thread at once: neither waits out the
-// poll of a slow timer (here 500 s), which does not fire before its period.
+// poll of a slow timer (here minutes long), which does not fire before its
+// period.
 TEST(TimerTest, OneThreadWhileTimersAreSet) {
   std::atomic<int> fastRuns{0};
   Callback slow, fast([&](unsigned long id) {
