@@ -161,7 +161,8 @@ TEST(TimerTest, OneThreadWhileTimersAreSet) {
   const unsigned long slowId = CThreadTimerManager::setTimer(&slow, 1000000);
   EXPECT_EQ(250000, TimerTestAccess::state().first);  // period / 2, halved again
   pid_t timerThread = 0;
-  for (const pid_t id : threadIds()) timerThread = before.count(id) != 0 ? timerThread : id;
+  for (const pid_t id : threadIds())
+    if (before.count(id) == 0) timerThread = id;  // the one thread the set made
   ASSERT_TRUE(waitUntilBlocked(timerThread));  // in its poll
   CThreadTimerManager::setTimer(&fast, 50);
   ASSERT_TRUE(eventually([&] { return fast.fired.load() == 3; }));
