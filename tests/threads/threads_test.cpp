@@ -297,9 +297,11 @@ TEST(ThreadPoolTest, TasksRunInTheOrderTheyCame) {
   go.arrive_and_wait();
 }
 
+// join waits for the running task and drops the queued ones; so does the
+// destructor of a pool made to join.
 TEST(ThreadPoolTest, JoinWaitsForRunningTasksAndDropsQueuedOnes) {
   Counts running, queued;
-  Gate entered(2), go(2);
+  Gate entered(2), go(2), enteredLast(2), goLast(2);
   auto* pool = new ThreadPool(1, true);
   EXPECT_FALSE(pool->start(nullptr));
   ASSERT_TRUE(startNew(*pool, running, held(entered, go)));
@@ -314,6 +316,12 @@ TEST(ThreadPoolTest, JoinWaitsForRunningTasksAndDropsQueuedOnes) {
   delete pool;  // frees the queue with the pool
   EXPECT_EQ(0, queued.runs.load());
   EXPECT_EQ(11, queued.destroyed.load());
+  pool = new ThreadPool(1, true);
+  ASSERT_TRUE(startNew(*pool, running, held(enteredLast, goLast)));
+  enteredLast.arrive_and_wait();
+  auto deleted = blocked([pool] { delete pool; });
+  goLast.arrive_and_wait();
+  deleted.get();
 }
 
 // A task started while others wait in the queue goes to the queue, and start
