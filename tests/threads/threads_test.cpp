@@ -297,8 +297,8 @@ TEST(ThreadPoolTest, TasksRunInTheOrderTheyCame) {
   go.arrive_and_wait();
 }
 
-// join waits for the running task and drops the queued ones; so does the
-// destructor of a pool made to join.
+// join waits for the running task and drops the queued ones. The destructor
+// of a pool made to join waits likewise.
 TEST(ThreadPoolTest, JoinWaitsForRunningTasksAndDropsQueuedOnes) {
   Counts running, queued;
   Gate entered(2), go(2), enteredLast(2), goLast(2);
